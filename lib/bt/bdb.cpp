@@ -1,0 +1,535 @@
+// Creating, opening and closing databases; the record calls; locks, sync and
+// transactions; the small accessors of a handle.
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "bdb_int.h"
+
+using namespace varlo;
+
+namespace varlo {
+
+MutexHold::MutexHold(bdb_handle *h) : h_(h) {
+    if (h_->wait) {
+        status_ = h_->wait(h_, BDB_MUTEX_OP);
+        if (status_ < 0)
+            bdb_errlog(h_, "Failed to lock mutex");
+        else
+            held_ = true;
+    }
+}
+
+int MutexHold::release() {
+    if (!held_) return 0;
+    held_ = false;
+    if (!h_->release) return 0;
+    int r = h_->release(h_, BDB_MUTEX_OP);
+    if (r < 0) bdb_errlog(h_, "Failed to unlock mutex");
+    return r < 0 ? r : 0;
+}
+
+}  // namespace varlo
+
+namespace {
+
+// A state bit of the area: the file is in the other byte order. The handle
+// that reads the meta page sets it, so that every later handle of the area,
+// in this process or another, converts pages too.
+constexpr uint32_t kStateSwapped = 0x20;
+
+bool path_ok(const char *path) { return path && path[0] && std::strlen(path) <= BDB_MAXPATH; }
+
+// Reads the meta page, continuing after short reads. A read error or end of
+// file ends the open (no loop).
+bool read_meta(bdb_handle *h) {
+    auto *p = reinterpret_cast<uint8_t *>(h->meta);
+    size_t got = 0;
+    while (got < kPageSize) {
+        ssize_t r = sysio.pread(h->fd, p + got, kPageSize - got, static_cast<off_t>(got));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return false;
+        got += static_cast<size_t>(r);
+    }
+    return true;
+}
+
+// The common shape of the record calls: null check, read-only refusal, the
+// database mutex, the counter, the search.
+int record_call(bdb_handle *h, bdb_datum *key, bdb_datum *data, int op, bool changing, uint32_t bdb_stats::*counter) {
+    if (!h) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (changing && (h->flags & BDB_F_RDONLY)) {
+        h->error = BDB_E_RDONLY;
+        return -1;
+    }
+    const bool needs_data = op != OP_DELETE;
+    if (!key || (!key->ptr && key->len) || (needs_data && !data) ||
+        ((op == OP_PUT || op == OP_REPLACE || op == OP_UPDATE) && !data->ptr && data->len) ||
+        ((op == OP_FIRST || op == OP_NEXT) && !key->ptr)) {
+        h->error = BDB_E_PARAM;
+        return -1;
+    }
+    MutexHold hold(h);
+    if (hold.status() < 0) return hold.status();
+    h->stats->*counter += 1;
+    int rc = bdb_search(h, key, data, op);
+    int r = hold.release();
+    return r < 0 ? r : rc;
+}
+
+}  // namespace
+
+extern "C" {
+
+// ---------------------------------------------------------------------------
+// Create
+// ---------------------------------------------------------------------------
+
+int bdb_create(const char *path, int mode, uint32_t *err) {
+    uint32_t local = 0;
+    if (!err) err = &local;
+    *err = 0;
+    const bdb_errhandler_fn fn = bdb_noop_handler;
+    if (!path_ok(path)) {
+        errno = EINVAL;
+        *err = BDB_E_PARAM;
+        return -1;
+    }
+    if (bdb_lock_smutex(path, fn, err) < 0) return -1;
+    bdb_handle *h = nullptr;
+    bool created = false;
+    auto failed = [&]() {
+        if (h) bdb_dealloc_handle(h);
+        // A file this call created and could not finish is removed again, so
+        // that no half-made database stays behind.
+        if (created) ::unlink(path);
+        uint32_t scratch;
+        bdb_unlock_smutex(path, fn, &scratch);
+        return -1;
+    };
+    if (::access(path, F_OK) == 0) {
+        *err = BDB_E_EXISTS;
+        return failed();
+    }
+    if (!(h = bdb_alloc_handle(path, BDB_PRIVATE, 0, fn, err))) return failed();
+    mode_t perm;
+    if (mode == BDB_SHARED)
+        perm = 0664;
+    else if (mode == BDB_PRIVATE)
+        perm = 0644;
+    else {
+        errno = EINVAL;
+        *err = BDB_E_PARAM;
+        return failed();
+    }
+    // O_EXCL: a file that another process creates meanwhile is not truncated.
+    h->fd = ::open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, perm);
+    if (h->fd < 0) {
+        *err = errno == EEXIST ? BDB_E_EXISTS : BDB_E_CREATE;
+        return failed();
+    }
+    created = true;
+    if (bdb_lock(h, BDB_LOCK, 3) < 0) {
+        *err = h->error;
+        return failed();
+    }
+    bdb_meta *m = h->meta;
+    std::memset(m, 0, kPageSize);
+    bits_setb(m->pgmap, 0);
+    m->magic = BDB_MAGIC;
+    m->reserved1 = 1;
+    m->mode = static_cast<uint32_t>(mode);
+    m->reserved3 = 1;
+    m->root = 0;
+    *h->npages_ref = 1;
+    if (bdb_write_dpage(h, 0, m, kPageSize) < 0 || bdb_do_sync(h) < 0 || bdb_lock(h, BDB_UNLOCK, 3) < 0) {
+        *err = h->error;
+        return failed();
+    }
+    bdb_dealloc_handle(h);
+    uint32_t scratch;
+    bdb_unlock_smutex(path, fn, &scratch);
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Open
+// ---------------------------------------------------------------------------
+
+bdb_handle *bdb_open_error(bdb_handle *h, const char *context, uint32_t code, uint32_t *err) {
+    if (err) *err = code;
+    h->error = code;
+    bdb_errlog(h, context);
+    char name[BDB_MAXPATH + 1];
+    std::strncpy(name, h->name, sizeof name - 1);
+    name[sizeof name - 1] = 0;
+    bdb_errhandler_fn fn = h->errhandler;
+    bdb_dealloc_handle(h);
+    uint32_t scratch;
+    bdb_unlock_smutex(name, fn, &scratch);
+    return nullptr;
+}
+
+bdb_handle *bdb_open(const char *path, int reserved, int flags, int mode, const bdb_options *opts, uint32_t thread,
+                     uint32_t *err) {
+    (void)reserved;
+    const bdb_errhandler_fn fn = opts && opts->errhandler ? opts->errhandler : bdb_noop_handler;
+    uint32_t local = 0;
+    if (!err) err = &local;
+    *err = 0;
+    if (!path_ok(path)) {
+        errno = EINVAL;
+        report_nohandle(fn, path ? path : "", BDB_E_PARAM, "Bad path parameter");
+        *err = BDB_E_PARAM;
+        return nullptr;
+    }
+    int oflag;
+    if (flags == BDB_RDONLY)
+        oflag = O_RDONLY;
+    else if (flags == BDB_RDWR)
+        oflag = O_RDWR;
+    else {
+        errno = EINVAL;
+        report_nohandle(fn, path, BDB_E_PARAM, "Bad flags parameter");
+        *err = BDB_E_PARAM;
+        return nullptr;
+    }
+    mode_t perm;
+    if (mode == BDB_SHARED)
+        perm = 0664;
+    else if (mode == BDB_PRIVATE)
+        perm = 0644;
+    else {
+        errno = EINVAL;
+        report_nohandle(fn, path, BDB_E_PARAM, "Bad mode parameter");
+        *err = BDB_E_PARAM;
+        return nullptr;
+    }
+
+    if (bdb_lock_smutex(path, fn, err) < 0) return nullptr;
+    bdb_handle *h = bdb_alloc_handle(path, mode, thread, fn, err);
+    if (!h) {
+        uint32_t scratch;
+        bdb_unlock_smutex(path, fn, &scratch);
+        return nullptr;
+    }
+    if (flags == BDB_RDONLY) h->flags |= BDB_F_RDONLY;
+
+    if (mode == BDB_SHARED) {
+        h->attach = bdb_attach_shared_memory;
+        h->wait = bdb_wait_shared_mutex;
+        h->release = bdb_release_shared_mutex;
+        h->detach = bdb_detach_shared_memory;
+        h->flags |= BDB_F_AREA;
+    } else {
+        int in_use = bdb_check_shared_memory(h);
+        if (in_use < 0) return bdb_open_error(h, "Shared database check failed", h->error, err);
+        if (in_use > 0) return bdb_open_error(h, "Private database already opened shared", BDB_E_SHARE, err);
+        if (thread) {
+            h->attach = bdb_attach_local_shmem;
+            h->wait = bdb_wait_private_mutex;
+            h->release = bdb_release_private_mutex;
+            h->detach = bdb_detach_local_shmem;
+        }
+    }
+    if (h->attach && h->attach(h) < 0)
+        return bdb_open_error(h, "Failed to attach shared memory resource", h->error, err);
+    if (h->flags & BDB_F_AREA_OWNER) h->meta->mode = static_cast<uint32_t>(mode);
+
+    if (!(h->flags & BDB_F_FILE_SHARED)) {
+        const bool reads_meta = !(h->flags & BDB_F_AREA) || (h->flags & BDB_F_AREA_OWNER);
+        h->fd = ::open(path, oflag | O_CLOEXEC, perm);
+        if (h->fd < 0) return bdb_open_error(h, "open", errno == ETXTBSY ? BDB_E_SHARE : BDB_E_OPEN, err);
+        if (mode == BDB_PRIVATE) {
+            if (bdb_lock(h, BDB_LOCK, 3) < 0)
+                return bdb_open_error(h, "Database already opened by another process", h->error, err);
+            if (h->thread_id) h->flags |= BDB_F_FILE_SHARED;
+        }
+        if (::lseek(h->fd, 0, SEEK_SET) != 0) return bdb_open_error(h, "meta lseek 0", BDB_E_IO, err);
+        struct stat st;
+        if (::fstat(h->fd, &st) < 0) return bdb_open_error(h, "db stat", BDB_E_IO, err);
+        h->blksize = static_cast<uint32_t>(st.st_blksize);
+        if (st.st_size < static_cast<off_t>(kPageSize)) return bdb_open_error(h, "meta size", BDB_E_DBTYPE, err);
+        if (reads_meta && !read_meta(h)) return bdb_open_error(h, "meta read", BDB_E_READ, err);
+        off_t end = ::lseek(h->fd, 0, SEEK_END);
+        if (end < 0 || end % kPageSize != 0) return bdb_open_error(h, "db lseek end", BDB_E_DBSIZE, err);
+        if (end / kPageSize > BDB_MAXPAGES) return bdb_open_error(h, "db lseek end", BDB_E_DBSIZE, err);
+        ::lseek(h->fd, 0, SEEK_SET);
+        h->npages = static_cast<uint32_t>(end / kPageSize);
+        if (reads_meta) {
+            *h->npages_ref = h->npages;
+            if (h->meta->magic == BDB_MAGIC_SWAPPED) {
+                h->flags |= BDB_F_SWAPPED;
+                bdb_swap(h->meta, kPageSize);
+                *h->state_ref |= kStateSwapped;
+            } else if (h->meta->magic == BDB_MAGIC) {
+                *h->state_ref &= ~kStateSwapped;
+            } else {
+                return bdb_open_error(h, "meta magic corrupt", BDB_E_MAGIC, err);
+            }
+            h->meta->mode = static_cast<uint32_t>(mode);
+            // A handle that takes an area as another handle left it keeps the
+            // area's log map: its sync interval did not begin here.
+            refresh_logmap(h);
+        } else {
+            if (*h->state_ref & kStateSwapped) h->flags |= BDB_F_SWAPPED;
+            if (h->meta->magic != BDB_MAGIC) return bdb_open_error(h, "meta magic corrupt", BDB_E_MAGIC, err);
+        }
+        if (bdb_cache_init(h, opts ? opts->cache_size : 0) < 0)
+            return bdb_open_error(h, "Failed to set up page cache", BDB_E_NOMEM, err);
+    } else if (*h->state_ref & kStateSwapped) {
+        h->flags |= BDB_F_SWAPPED;
+    }
+    h->compare = opts && opts->compare ? opts->compare : bdb_dti_compare;
+    if (h->hold_count > 0) {
+        h->hold_count = 1;
+        if (h->release) h->release(h, BDB_MUTEX_OP);
+    }
+    uint32_t scratch;
+    bdb_unlock_smutex(path, fn, &scratch);
+    return h;
+}
+
+// ---------------------------------------------------------------------------
+// Close and destroy
+// ---------------------------------------------------------------------------
+
+// Frees a handle that has mutex slots: the database mutex is given up first,
+// then the process-wide mutex is taken around the freeing.
+static int release_and_free(bdb_handle *h) {
+    char name[BDB_MAXPATH + 1];
+    std::strncpy(name, h->name, sizeof name - 1);
+    name[sizeof name - 1] = 0;
+    bdb_errhandler_fn fn = h->errhandler;
+    if (h->release) {
+        int r = h->release(h, BDB_MUTEX_OP);
+        if (r < 0) {
+            bdb_errlog(h, "Failed to unlock mutex");
+            return r;
+        }
+    }
+    if (bdb_lock_smutex(name, fn, &h->error) < 0) return -1;
+    int rc = bdb_dealloc_handle(h);
+    uint32_t scratch;
+    bdb_unlock_smutex(name, fn, &scratch);
+    return rc;
+}
+
+int bdb_close(bdb_handle *h) {
+    if (!h) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (h->wait) {
+        int r = h->wait(h, BDB_MUTEX_OP);
+        if (r < 0) {
+            bdb_errlog(h, "Failed to lock mutex");
+            return r;
+        }
+    }
+    if (!(h->flags & BDB_F_RDONLY)) {
+        int r = bdb_sync(h);
+        if (r < 0) {
+            if (h->release) {
+                int r2 = h->release(h, BDB_MUTEX_OP);
+                if (r2 < 0) {
+                    bdb_errlog(h, "Failed to unlock mutex");
+                    return r2;
+                }
+            }
+            return r;
+        }
+    }
+    if (!h->wait) return bdb_dealloc_handle(h);
+    return release_and_free(h);
+}
+
+int bdb_destroy(bdb_handle *h) {
+    if (!h) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (h->wait) {
+        int r = h->wait(h, BDB_MUTEX_OP);
+        if (r < 0) {
+            bdb_errlog(h, "Failed to lock mutex");
+            return r;
+        }
+    }
+    if (h->meta->mode == BDB_SHARED) {
+        h->error = BDB_E_SHARE;
+        if (h->release) {
+            int r = h->release(h, BDB_MUTEX_OP);
+            if (r < 0) {
+                bdb_errlog(h, "Failed to unlock mutex");
+                return r;
+            }
+        }
+        return -1;
+    }
+    h->flags |= BDB_F_DESTROY;
+    if (!h->wait) return bdb_dealloc_handle(h);
+    return release_and_free(h);
+}
+
+int bdb_sigexit(bdb_handle *h) {
+    if (!h) {
+        errno = EINVAL;
+        return -1;
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Record calls
+// ---------------------------------------------------------------------------
+
+int bdb_get(bdb_handle *h, bdb_datum *key, bdb_datum *data) {
+    return record_call(h, key, data, OP_GET, false, &bdb_stats::reads);
+}
+int bdb_put(bdb_handle *h, bdb_datum *key, bdb_datum *data) {
+    return record_call(h, key, data, OP_PUT, true, &bdb_stats::puts);
+}
+int bdb_replace(bdb_handle *h, bdb_datum *key, bdb_datum *data) {
+    return record_call(h, key, data, OP_REPLACE, true, &bdb_stats::replaces);
+}
+int bdb_update(bdb_handle *h, bdb_datum *key, bdb_datum *data) {
+    return record_call(h, key, data, OP_UPDATE, true, &bdb_stats::updates);
+}
+int bdb_delete(bdb_handle *h, bdb_datum *key) {
+    return record_call(h, key, nullptr, OP_DELETE, true, &bdb_stats::deletes);
+}
+int bdb_remove(bdb_handle *h, bdb_datum *key, bdb_datum *data) {
+    return record_call(h, key, data, OP_REMOVE, true, &bdb_stats::removes);
+}
+int bdb_first(bdb_handle *h, bdb_datum *key, bdb_datum *data) {
+    return record_call(h, key, data, OP_FIRST, false, &bdb_stats::reads);
+}
+int bdb_next(bdb_handle *h, bdb_datum *key, bdb_datum *data) {
+    return record_call(h, key, data, OP_NEXT, false, &bdb_stats::reads);
+}
+
+bdb_compare_fn bdb_compare(bdb_handle *h, bdb_compare_fn fn) {
+    if (!h) return reinterpret_cast<bdb_compare_fn>(static_cast<intptr_t>(-1));
+    bdb_compare_fn old = h->compare;
+    h->compare = fn ? fn : bdb_dti_compare;
+    return old;
+}
+
+uint32_t bdb_get_threadid(bdb_handle *h) {
+    if (!h) {
+        errno = EINVAL;
+        return static_cast<uint32_t>(-1);
+    }
+    return h->thread_id;
+}
+
+const char *bdb_get_dbname(bdb_handle *h) {
+    if (!h) {
+        errno = EINVAL;
+        return reinterpret_cast<const char *>(static_cast<intptr_t>(-1));
+    }
+    return h->name;
+}
+
+// ---------------------------------------------------------------------------
+// Locks, sync, transactions
+// ---------------------------------------------------------------------------
+
+int bdb_lock(bdb_handle *h, int op, int kind) {
+    if (!h) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (h->flags & (BDB_F_AREA | BDB_F_FILE_SHARED)) {
+        if (op == BDB_LOCK) {
+            if (h->wait) {
+                int r = h->wait(h, BDB_MUTEX_OP);
+                if (r < 0) {
+                    bdb_errlog(h, "Failed to lock mutex");
+                    return r;
+                }
+            }
+            return 0;
+        }
+        if (op == BDB_UNLOCK) {
+            if (h->release) {
+                int r = h->release(h, BDB_MUTEX_OP);
+                if (r < 0) {
+                    bdb_errlog(h, "Failed to unlock mutex");
+                    return r;
+                }
+            }
+            return 0;
+        }
+        fail(h, BDB_E_PARAM, "Invalid lock operation");
+        return -1;
+    }
+    MutexHold hold(h);
+    if (hold.status() < 0) return hold.status();
+    int rc = 0;
+    if (btree_lockf(h, op, kind) < 0) {
+        fail(h, BDB_E_IO, op == BDB_LOCK ? "db lock" : "db unlock");
+        rc = -1;
+    }
+    int r = hold.release();
+    return r < 0 ? r : rc;
+}
+
+int bdb_sync(bdb_handle *h) {
+    if (!h) {
+        errno = EINVAL;
+        return -1;
+    }
+    MutexHold hold(h);
+    if (hold.status() < 0) return hold.status();
+    int rc = bdb_do_sync(h);
+    int r = hold.release();
+    return r < 0 ? r : rc;
+}
+
+int bdb_do_sync(bdb_handle *h) {
+    if (!h) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (h->flags & BDB_F_RDONLY) {
+        h->error = BDB_E_RDONLY;
+        return -1;
+    }
+    MutexHold hold(h);
+    if (hold.status() < 0) return hold.status();
+    int rc = 0;
+    if (bdb_force_cache(h) < 0) {
+        rc = -1;
+    } else {
+        refresh_logmap(h);
+        uint32_t pages = bdb_find_max_page_number(h);
+        *h->npages_ref = pages;
+        if (sysio.ftruncate(h->fd, static_cast<off_t>(pages) << kPageShift) < 0) {
+            bdb_errlog(h, "db sync truncate");
+            rc = -1;
+        }
+    }
+    int r = hold.release();
+    return r < 0 ? r : rc;
+}
+
+int bdb_transaction(bdb_handle *h, int op) {
+    if (!h) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (op >= 1 && op <= 3) return 0;
+    h->error = BDB_E_PARAM;
+    return -1;
+}
+
+}  // extern "C"

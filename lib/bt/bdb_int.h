@@ -1,0 +1,236 @@
+// Internal declarations shared by the modules of lib/bt. Not installed.
+//
+// Locking: page storage (bdb_io, bdb_util) and the tree engine (bdb_srch)
+// take no lock of their own. Every function here that touches a database
+// REQUIRES the database mutex (or a private handle used by one thread).
+#ifndef VARLO_BDB_INT_H
+#define VARLO_BDB_INT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <sys/types.h>
+
+#include "bdb.h"
+
+// ---------------------------------------------------------------------------
+// On-disk and shared-memory layouts: identical in 32-bit and 64-bit builds.
+// ---------------------------------------------------------------------------
+
+static_assert(sizeof(bdb_meta) == BDB_PGSIZE);
+static_assert(offsetof(bdb_meta, magic) == 0);
+static_assert(offsetof(bdb_meta, reserved1) == 4);
+static_assert(offsetof(bdb_meta, mode) == 8);
+static_assert(offsetof(bdb_meta, reserved3) == 12);
+static_assert(offsetof(bdb_meta, reserved4) == 16);
+static_assert(offsetof(bdb_meta, root) == 20);
+static_assert(offsetof(bdb_meta, pgmap) == 24);
+static_assert(24 + BDB_MAPWORDS * 4 == BDB_PGSIZE);
+static_assert(BDB_MAPWORDS * 32 == BDB_MAXPAGES);
+
+static_assert(sizeof(bdb_slot) == 24);
+static_assert(offsetof(bdb_slot, flags) == 0);
+static_assert(offsetof(bdb_slot, childpg) == 4);
+static_assert(offsetof(bdb_slot, keylen) == 8);
+static_assert(offsetof(bdb_slot, datalen) == 12);
+static_assert(offsetof(bdb_slot, keyoff) == 16);
+static_assert(offsetof(bdb_slot, dataref) == 20);
+
+static_assert(sizeof(bdb_page) == 20);
+static_assert(offsetof(bdb_page, pgno) == 0);
+static_assert(offsetof(bdb_page, leftpg) == 4);
+static_assert(offsetof(bdb_page, flags) == 8);
+static_assert(offsetof(bdb_page, datastart) == 12);
+static_assert(offsetof(bdb_page, nslots) == 16);
+static_assert(offsetof(bdb_page, slots) == 20);
+
+static_assert(sizeof(bdb_stats) == 84);
+static_assert(offsetof(bdb_stats, cache_hits) == 13 * 4);
+static_assert(offsetof(bdb_stats, page_reads) == 16 * 4);
+static_assert(offsetof(bdb_stats, max_depth) == 19 * 4);
+static_assert(offsetof(bdb_stats, depth) == 20 * 4);
+
+static_assert(sizeof(bdb_cachepg) == 24);
+static_assert(offsetof(bdb_cachepg, pgno) == 0);
+static_assert(offsetof(bdb_cachepg, flags) == 4);
+static_assert(offsetof(bdb_cachepg, age) == 8);
+static_assert(offsetof(bdb_cachepg, buf) == 12);
+static_assert(offsetof(bdb_cachepg, lru_prev) == 16);
+static_assert(offsetof(bdb_cachepg, lru_next) == 20);
+
+static_assert(sizeof(bdb_shared) == 65772);
+static_assert(offsetof(bdb_shared, sh_size) == 0);
+static_assert(offsetof(bdb_shared, sh_cache_bytes) == 4);
+static_assert(offsetof(bdb_shared, sh_ncache) == 8);
+static_assert(offsetof(bdb_shared, sh_state) == 12);
+static_assert(offsetof(bdb_shared, sh_npages) == 16);
+static_assert(offsetof(bdb_shared, sh_cache_bufs) == 20);
+static_assert(offsetof(bdb_shared, sh_cache) == 24);
+static_assert(offsetof(bdb_shared, sh_meta) == 28);
+static_assert(offsetof(bdb_shared, sh_logmap) == 28 + 8192);
+static_assert(offsetof(bdb_shared, sh_stats) == 28 + 8192 + 8168);
+static_assert(offsetof(bdb_shared, sh_recs) == 16472);
+static_assert(offsetof(bdb_shared, sh_bufs) == 16472 + 144);
+static_assert(offsetof(bdb_shared, spare) == 65768);
+
+// The embedded layout of a private handle puts the log map where the
+// trailing name array begins and the meta page right after 8172 bytes of it.
+static_assert(offsetof(bdb_handle, name_buf) % 4 == 0);
+
+namespace varlo {
+
+// ---------------------------------------------------------------------------
+// Constants
+// ---------------------------------------------------------------------------
+
+inline constexpr uint32_t kPageSize = BDB_PGSIZE;
+inline constexpr uint32_t kPageShift = 13;
+inline constexpr uint32_t kHeaderSize = 20;
+inline constexpr uint32_t kSlotSize = 24;
+inline constexpr uint32_t kLogmapBytes = 8172;  // log map region of a private handle
+inline constexpr uint32_t kShmPages = 6;
+inline constexpr uint32_t kShmCacheBytes = kShmPages * (kSlotSize + kPageSize);  // 49296
+inline constexpr uint32_t kShmSize = sizeof(bdb_shared);                          // 65772
+inline constexpr int kIpcProject = 66;                                            // 'B'
+
+// Engine results.
+enum : int {
+    SR_OK = 0,
+    SR_NOTFOUND = 1,
+    SR_PROMOTE = 2,
+    SR_NOPAGE = 3,
+    SR_DUPLICATE = 4,
+    SR_WRITEFAIL = 5,
+    SR_NOMEM = 6,
+    SR_DONE = 7,
+    SR_END = 8,
+    SR_SHRUNK = 9,
+    SR_PENDING = 10,
+};
+inline constexpr int32_t BAL_EMPTY = 8192;
+
+// ---------------------------------------------------------------------------
+// Small page helpers
+// ---------------------------------------------------------------------------
+
+inline uint8_t *page_bytes(bdb_page *p) { return reinterpret_cast<uint8_t *>(p); }
+inline const uint8_t *page_bytes(const bdb_page *p) { return reinterpret_cast<const uint8_t *>(p); }
+inline bool slot_is_long(const bdb_slot &s) { return (s.flags & BDB_DPAGES) != 0; }
+inline uint32_t run_pages(uint32_t datalen) { return (datalen + kPageSize - 1) >> kPageShift; }
+// In-page bytes of an entry about to be placed.
+inline uint32_t entry_size(const bdb_entry &e) {
+    return e.keylen + (e.datalen < BDB_LONGDATA && !(e.flags & BDB_DPAGES) ? e.datalen : 0);
+}
+// The child of position pos (-1 = leftmost).
+inline uint32_t child_at(const bdb_page *p, int32_t pos) {
+    return pos < 0 ? p->leftpg : p->slots[pos].childpg;
+}
+inline void set_child_at(bdb_page *p, int32_t pos, uint32_t child) {
+    if (pos < 0)
+        p->leftpg = child;
+    else
+        p->slots[pos].childpg = child;
+}
+inline bdb_datum slot_key(const bdb_page *p, int32_t i) {
+    const bdb_slot &s = p->slots[i];
+    return bdb_datum{const_cast<uint8_t *>(page_bytes(p)) + s.keyoff, s.keylen};
+}
+
+// Releases the buffers an entry owns (BDB_KEYALLOC / BDB_DATAALLOC).
+void entry_release(bdb_entry *e);
+
+// ---------------------------------------------------------------------------
+// Reporting helpers
+// ---------------------------------------------------------------------------
+
+// Stores code in the handle and reports context.
+void fail(bdb_handle *h, uint32_t code, const char *context);
+// Calls a handler directly (no handle exists): the seven-argument report.
+void report_nohandle(bdb_errhandler_fn fn, const char *path, uint32_t code, const char *context);
+
+// Holds the database mutex of a handle for a scope, reporting "Failed to
+// lock mutex" / "Failed to unlock mutex" as every exported call does.
+class MutexHold {
+public:
+    explicit MutexHold(bdb_handle *h);
+    ~MutexHold() { (void)release(); }
+    MutexHold(const MutexHold &) = delete;
+    MutexHold &operator=(const MutexHold &) = delete;
+    // 0 when the mutex was taken (or there is none), else the slot's result.
+    int status() const { return status_; }
+    // Releases now; returns 0 or the release slot's negative result.
+    int release();
+
+private:
+    bdb_handle *h_;
+    int status_ = 0;
+    bool held_ = false;
+};
+
+// ---------------------------------------------------------------------------
+// Platform seam: every system call on the database file goes through here so
+// that tests can inject failures.
+// ---------------------------------------------------------------------------
+
+struct SysIo {
+    ssize_t (*pread)(int fd, void *buf, size_t n, off_t off);
+    ssize_t (*pwrite)(int fd, const void *buf, size_t n, off_t off);
+    int (*fsync)(int fd);
+    int (*ftruncate)(int fd, off_t len);
+};
+extern SysIo sysio;
+void sysio_reset();
+
+// ---------------------------------------------------------------------------
+// Page storage internals
+// ---------------------------------------------------------------------------
+
+int32_t bits_tst(const uint32_t *map, int32_t nwords, uint32_t pattern, int32_t start, int32_t max);
+int32_t bits_tstclr(const uint32_t *map, int32_t nwords, int32_t start, int32_t max);
+int32_t bits_tstset(const uint32_t *map, int32_t nwords, int32_t start, int32_t max);
+extern const int32_t _zeroes[16];
+
+// Copies the allocation map into the log map (open and sync).
+void refresh_logmap(bdb_handle *h);
+// Free pages below BDB_MAXPAGES, counted exactly (slow; used near a full file).
+uint32_t count_free_pages(const bdb_handle *h);
+
+// Engine journal hooks (bdb_srch): page storage calls these so that a
+// failing change can be undone. They do nothing outside an engine change.
+// journal_page_touched returns false (BDB_E_NOMEM in the handle) when the
+// page's image cannot be kept; the caller then must not change the page.
+bool journal_page_touched(bdb_handle *h, bdb_page *page, bool fresh);
+void journal_meta_touched(bdb_handle *h);
+// True when the run's release was deferred to the end of the change (so that
+// a failing change can still restore the records that used it).
+bool journal_defer_run(bdb_handle *h, uint32_t first, uint32_t n);
+
+// ---------------------------------------------------------------------------
+// Handles, registry, shared memory, mutexes
+// ---------------------------------------------------------------------------
+
+extern bdb_handle bdb_var;
+extern int exInit;
+extern bdb_hndl_entry *bdb_hndl_array;
+extern uint32_t numDatabases;
+
+int bdb_add_database(bdb_handle *h);
+int bdb_remove_database(bdb_handle *h);
+int bdb_do_close(bdb_handle *h);
+void bdb_atexit();
+int bdb_add_thread(bdb_hndl_entry *entry, bdb_handle *h);
+int bdb_remove_thread(bdb_hndl_entry *entry, bdb_handle *h);
+void bdb_mapshmerror(bdb_handle *h);
+void bdb_mapsemerror(bdb_handle *h);
+
+// ---------------------------------------------------------------------------
+// Object store internals
+// ---------------------------------------------------------------------------
+
+uint32_t objid_size(const char *id);
+uint32_t bt_glue(uint8_t *out, const char *id, const char *prefix, const char *name);
+int arrcat(uint32_t count, char **list, int unused, const char **str, char ***newlist, uint32_t *newcount);
+
+}  // namespace varlo
+
+#endif  // VARLO_BDB_INT_H

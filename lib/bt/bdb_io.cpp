@@ -1,0 +1,495 @@
+// The page cache, page transfers, file extension, the log map and back-out.
+//
+// Two cache flavours share the record layout (bdb_cachepg):
+//  - A shared area keeps 6 records and finds pages and victims by scanning
+//    them with age counters.
+//  - A private handle may have thousands of records, so it keeps, in the
+//    same allocation behind the records, a hash index from page number to
+//    record and a recency list threaded through the records. Both flavours
+//    choose the same victim: the least recently used record, and among
+//    records never used (or dropped) since the same lookup, the lowest index.
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "bdb_int.h"
+
+using namespace varlo;
+
+namespace varlo {
+
+SysIo sysio = {::pread, ::pwrite, ::fsync, ::ftruncate};
+
+void sysio_reset() { sysio = SysIo{::pread, ::pwrite, ::fsync, ::ftruncate}; }
+
+void refresh_logmap(bdb_handle *h) { std::memcpy(h->logmap, h->meta->pgmap, BDB_MAPWORDS * 4); }
+
+}  // namespace varlo
+
+namespace {
+
+constexpr uint32_t kNone = 0xffffffffu;
+
+// Lives right behind the records of a private cache, followed by the hash
+// buckets (record index + 1, 0 = empty) and the bucket chains.
+struct CacheIndex {
+    uint32_t mask;  // buckets - 1 (a power of two minus one)
+    uint32_t head;  // least recently used record
+    uint32_t tail;  // most recently used record
+    uint32_t tick;  // lookups so far; a record's `age` is the tick of its last use
+};
+
+inline bool is_indexed(const bdb_handle *h) { return !(h->flags & BDB_F_AREA); }
+inline CacheIndex *index_of(const bdb_handle *h) { return reinterpret_cast<CacheIndex *>(h->cache + h->ncache); }
+inline uint32_t *buckets(CacheIndex *ix) { return reinterpret_cast<uint32_t *>(ix + 1); }
+inline uint32_t *chains(CacheIndex *ix) { return buckets(ix) + ix->mask + 1; }
+inline uint8_t *buffer(const bdb_handle *h, uint32_t rec) {
+    return h->cache_bufs + static_cast<size_t>(h->cache[rec].buf) * kPageSize;
+}
+inline void clear_first_word(uint8_t *buf) { std::memset(buf, 0, 4); }
+
+uint32_t index_bytes(uint32_t n, uint32_t buckets_n) {
+    return static_cast<uint32_t>(sizeof(CacheIndex)) + 4u * buckets_n + 4u * n;
+}
+
+// --- hash index ------------------------------------------------------------
+
+uint32_t hfind(const bdb_handle *h, CacheIndex *ix, uint32_t pg) {
+    uint32_t i = buckets(ix)[pg & ix->mask];
+    while (i) {
+        if (h->cache[i - 1].pgno == pg) return i - 1;
+        i = chains(ix)[i - 1];
+    }
+    return kNone;
+}
+
+void hinsert(const bdb_handle *h, CacheIndex *ix, uint32_t rec) {
+    uint32_t &b = buckets(ix)[h->cache[rec].pgno & ix->mask];
+    chains(ix)[rec] = b;
+    b = rec + 1;
+}
+
+void hremove(const bdb_handle *h, CacheIndex *ix, uint32_t rec) {
+    uint32_t *link = &buckets(ix)[h->cache[rec].pgno & ix->mask];
+    while (*link) {
+        if (*link == rec + 1) {
+            *link = chains(ix)[rec];
+            return;
+        }
+        link = &chains(ix)[*link - 1];
+    }
+}
+
+// --- recency list ----------------------------------------------------------
+
+void lru_unlink(bdb_handle *h, CacheIndex *ix, uint32_t rec) {
+    bdb_cachepg &r = h->cache[rec];
+    if (r.lru_prev != kNone)
+        h->cache[r.lru_prev].lru_next = r.lru_next;
+    else
+        ix->head = r.lru_next;
+    if (r.lru_next != kNone)
+        h->cache[r.lru_next].lru_prev = r.lru_prev;
+    else
+        ix->tail = r.lru_prev;
+}
+
+// Inserts rec after `at` (kNone: at the head).
+void lru_insert_after(bdb_handle *h, CacheIndex *ix, uint32_t rec, uint32_t at) {
+    bdb_cachepg &r = h->cache[rec];
+    r.lru_prev = at;
+    r.lru_next = at == kNone ? ix->head : h->cache[at].lru_next;
+    if (r.lru_next != kNone)
+        h->cache[r.lru_next].lru_prev = rec;
+    else
+        ix->tail = rec;
+    if (at != kNone)
+        h->cache[at].lru_next = rec;
+    else
+        ix->head = rec;
+}
+
+void lru_touch(bdb_handle *h, CacheIndex *ix, uint32_t rec) {
+    if (ix->tail == rec) return;
+    lru_unlink(h, ix, rec);
+    lru_insert_after(h, ix, rec, ix->tail);
+}
+
+// A dropped record counts as used at the last lookup, like the record that
+// lookup used; records of equal age are taken in index order.
+void lru_place_dropped(bdb_handle *h, CacheIndex *ix, uint32_t rec) {
+    lru_unlink(h, ix, rec);
+    const auto now = static_cast<int32_t>(ix->tick);
+    h->cache[rec].age = now;
+    uint32_t at = ix->tail;
+    while (at != kNone && h->cache[at].age == now && at > rec) at = h->cache[at].lru_prev;
+    lru_insert_after(h, ix, rec, at);
+}
+
+void reset_index(bdb_handle *h) {
+    CacheIndex *ix = index_of(h);
+    std::memset(buckets(ix), 0, 4u * (ix->mask + 1));
+    ix->tick = 0;
+    ix->head = h->ncache ? 0 : kNone;
+    ix->tail = h->ncache ? h->ncache - 1 : kNone;
+    for (uint32_t i = 0; i < h->ncache; ++i) {
+        h->cache[i].lru_prev = i ? i - 1 : kNone;
+        h->cache[i].lru_next = i + 1 < h->ncache ? i + 1 : kNone;
+    }
+}
+
+// Writes a dirty record's buffer to its page in file order. On failure the
+// buffer is left in machine order, still dirty.
+int write_back(bdb_handle *h, uint32_t rec) {
+    bdb_cachepg &r = h->cache[rec];
+    uint8_t *buf = buffer(h, rec);
+    const bool swapped = h->flags & BDB_F_SWAPPED;
+    if (swapped) bdb_pgswap(buf, 1);
+    if (bdb_write_dpage(h, r.pgno, buf, kPageSize) < 0) {
+        if (swapped) bdb_pgswap(buf, 0);
+        return -1;
+    }
+    r.flags &= ~BDB_CACHE_DIRTY;
+    return 0;
+}
+
+// Age-counter scan over every record (the cache of a shared area).
+void *cache_pg_scan(bdb_handle *h, uint32_t pg) {
+    bdb_cachepg *c = h->cache;
+    uint32_t victim = 0;
+    int32_t oldest = c[0].age;
+    uint32_t hit = kNone;
+    for (uint32_t i = 0; i < h->ncache; ++i) {
+        if (c[i].pgno == pg) {
+            c[i].age = 0;
+            h->stats->cache_hits++;
+            hit = i;
+            continue;
+        }
+        if (c[i].age > oldest) {
+            victim = i;
+            oldest = c[i].age;
+        }
+        c[i].age++;
+    }
+    if (hit != kNone) return buffer(h, hit);
+    if ((c[victim].flags & BDB_CACHE_DIRTY) && write_back(h, victim) < 0) return nullptr;
+    c[victim].pgno = pg;
+    c[victim].age = 0;
+    c[victim].flags = 0;
+    uint8_t *buf = buffer(h, victim);
+    clear_first_word(buf);
+    h->stats->cache_misses++;
+    return buf;
+}
+
+// Constant-time lookup and victim choice (the cache of a private handle).
+void *cache_pg_indexed(bdb_handle *h, uint32_t pg) {
+    CacheIndex *ix = index_of(h);
+    ix->tick++;
+    uint32_t rec = hfind(h, ix, pg);
+    if (rec != kNone) {
+        h->cache[rec].age = static_cast<int32_t>(ix->tick);
+        lru_touch(h, ix, rec);
+        h->stats->cache_hits++;
+        return buffer(h, rec);
+    }
+    uint32_t victim = ix->head;
+    bdb_cachepg &v = h->cache[victim];
+    if ((v.flags & BDB_CACHE_DIRTY) && write_back(h, victim) < 0) return nullptr;
+    if (v.pgno) hremove(h, ix, victim);
+    v.pgno = pg;
+    v.age = static_cast<int32_t>(ix->tick);
+    v.flags = 0;
+    hinsert(h, ix, victim);
+    lru_touch(h, ix, victim);
+    uint8_t *buf = buffer(h, victim);
+    clear_first_word(buf);
+    h->stats->cache_misses++;
+    return buf;
+}
+
+// The record holding a page, or kNone.
+uint32_t find_record(const bdb_handle *h, uint32_t pg) {
+    if (!h->cache || pg == 0) return kNone;
+    if (is_indexed(h)) return hfind(h, index_of(h), pg);
+    for (uint32_t i = 0; i < h->ncache; ++i)
+        if (h->cache[i].pgno == pg) return i;
+    return kNone;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Cache set-up
+// ---------------------------------------------------------------------------
+
+extern "C" int bdb_cache_init(bdb_handle *h, uint32_t size) {
+    if (!(h->flags & BDB_F_AREA)) {
+        uint64_t bytes = size <= 32767 ? 32768 : size;
+        bytes = (bytes + kPageSize - 1) / kPageSize * kPageSize;
+        const uint32_t n = static_cast<uint32_t>(bytes / kPageSize);
+        uint32_t nb = 1;
+        while (nb < 2 * n) nb <<= 1;
+        const size_t rec_bytes = static_cast<size_t>(n) * sizeof(bdb_cachepg) + index_bytes(n, nb);
+        auto *recs = static_cast<bdb_cachepg *>(std::calloc(1, rec_bytes));
+        void *bufs = nullptr;
+        if (!recs || posix_memalign(&bufs, 4096, static_cast<size_t>(n) * kPageSize) != 0) {
+            std::free(recs);
+            h->cache = nullptr;
+            h->cache_bufs = nullptr;
+            h->ncache = 0;
+            h->error = BDB_E_NOMEM;
+            return -1;
+        }
+        h->cache = recs;
+        h->cache_bufs = static_cast<uint8_t *>(bufs);
+        h->ncache = n;
+        index_of(h)->mask = nb - 1;
+    }
+    if ((h->flags & BDB_F_AREA) && !(h->flags & BDB_F_AREA_OWNER)) return 0;
+    for (uint32_t i = 0; i < h->ncache; ++i) {
+        h->cache[i] = bdb_cachepg{0, 0, 0, i, 0, 0};
+        clear_first_word(h->cache_bufs + static_cast<size_t>(i) * kPageSize);
+    }
+    if (is_indexed(h)) reset_index(h);
+    return 0;
+}
+
+extern "C" void bdb_cache_free(bdb_handle *h) {
+    if (!(h->flags & BDB_F_AREA)) {
+        std::free(h->cache);
+        std::free(h->cache_bufs);
+    }
+    h->cache = nullptr;
+    h->cache_bufs = nullptr;
+    h->ncache = 0;
+}
+
+extern "C" void *bdb_cache_pg(bdb_handle *h, uint32_t pg) {
+    if (!h->cache || pg == 0) {
+        h->error = BDB_E_PARAM;
+        return nullptr;
+    }
+    return is_indexed(h) ? cache_pg_indexed(h, pg) : cache_pg_scan(h, pg);
+}
+
+// ---------------------------------------------------------------------------
+// Fetching, making and committing tree pages
+// ---------------------------------------------------------------------------
+
+extern "C" bdb_page *bdb_get_dpage(bdb_handle *h, uint32_t pg, int flags) {
+    auto *buf = static_cast<uint8_t *>(bdb_cache_pg(h, pg));
+    if (!buf) return nullptr;
+    auto *page = reinterpret_cast<bdb_page *>(buf);
+    bool just_read = false;
+    if (page->pgno != pg) {
+        if (bdb_read_dpage(h, pg, buf, kPageSize) < 0) {
+            clear_first_word(buf);
+            return nullptr;
+        }
+        just_read = true;
+    }
+    // The log point comes first, while a page just read from a byte-swapped
+    // file still stands in file order; the update mark is set once the page
+    // is in machine order (so that it lands in the right bit).
+    if ((flags & BDB_FORUPDATE) && bits_tstb(h->logmap, static_cast<int32_t>(pg)))
+        bits_clrb(h->logmap, static_cast<int32_t>(pg));
+    if ((h->flags & BDB_F_SWAPPED) && just_read) bdb_pgswap(buf, 0);
+    if (page->pgno != pg) {
+        // The file holds something else at this page: not a tree page of ours.
+        clear_first_word(buf);
+        fail(h, BDB_E_READ, "db page number mismatch");
+        return nullptr;
+    }
+    if (flags & BDB_FORUPDATE) {
+        if (!journal_page_touched(h, page, false)) return nullptr;
+        page->flags |= BDB_PGBUSY;
+    }
+    return page;
+}
+
+extern "C" bdb_page *bdb_new_dpage(bdb_handle *h) {
+    uint32_t pg = 0;
+    if (bdb_alloc_dpages(h, 1, &pg) < 0) return nullptr;
+    if (bits_tstb(h->logmap, static_cast<int32_t>(pg))) bits_clrb(h->logmap, static_cast<int32_t>(pg));
+    auto *page = static_cast<bdb_page *>(bdb_cache_pg(h, pg));
+    if (!page) return nullptr;
+    page->pgno = pg;
+    page->leftpg = 0;
+    page->flags = BDB_PGBUSY;
+    page->datastart = kPageSize;
+    page->nslots = 0;
+    if (!journal_page_touched(h, page, true)) {
+        bdb_inval_cache_pg(h, pg);
+        return nullptr;
+    }
+    return page;
+}
+
+extern "C" int bdb_update_dpage(bdb_handle *h, bdb_page *page) {
+    page->flags &= ~BDB_PGBUSY;
+    return bdb_cache_dirty(h, page->pgno);
+}
+
+extern "C" int bdb_cache_dirty(bdb_handle *h, uint32_t pg) {
+    uint32_t rec = find_record(h, pg);
+    if (rec == kNone) return -1;
+    h->cache[rec].flags |= BDB_CACHE_DIRTY;
+    return 0;
+}
+
+extern "C" int bdb_inval_cache_pg(bdb_handle *h, uint32_t pg) {
+    uint32_t rec = find_record(h, pg);
+    if (rec == kNone) return 0;
+    bdb_cachepg &r = h->cache[rec];
+    if (is_indexed(h)) hremove(h, index_of(h), rec);
+    r.pgno = 0;
+    r.age = 0;
+    r.flags = 0;
+    clear_first_word(buffer(h, rec));
+    if (is_indexed(h)) lru_place_dropped(h, index_of(h), rec);
+    return 0;
+}
+
+extern "C" int bdb_update_meta(bdb_handle *h) {
+    journal_meta_touched(h);
+    if (bits_tstb(h->logmap, 0)) bits_clrb(h->logmap, 0);
+    *h->state_ref |= BDB_METADIRTY;
+    return 0;
+}
+
+extern "C" int bdb_force_cache(bdb_handle *h) {
+    for (uint32_t i = 0; i < h->ncache; ++i) {
+        if (!(h->cache[i].flags & BDB_CACHE_DIRTY)) continue;
+        // A buffer written in file order stays so: its first word no longer
+        // matches the page, so the next fetch reads the page again.
+        uint8_t *buf = buffer(h, i);
+        if (h->flags & BDB_F_SWAPPED) bdb_pgswap(buf, 1);
+        if (bdb_write_dpage(h, h->cache[i].pgno, buf, kPageSize) < 0) {
+            if (h->flags & BDB_F_SWAPPED) bdb_pgswap(buf, 0);
+            return -1;
+        }
+        h->cache[i].flags &= ~BDB_CACHE_DIRTY;
+    }
+    if (*h->state_ref & BDB_METADIRTY) {
+        if (h->flags & BDB_F_SWAPPED) {
+            alignas(8) static thread_local uint8_t image[kPageSize];
+            std::memcpy(image, h->meta, kPageSize);
+            bdb_swap(image, kPageSize);
+            if (bdb_write_dpage(h, 0, image, kPageSize) < 0) return -1;
+        } else if (bdb_write_dpage(h, 0, h->meta, kPageSize) < 0) {
+            return -1;
+        }
+        *h->state_ref &= ~BDB_METADIRTY;
+    }
+    if (sysio.fsync(h->fd) < 0) {
+        fail(h, BDB_E_IO, "db force cache fsync");
+        return -1;
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Page transfers. Positional reads and writes: one system call per transfer,
+// no seek (so the "db lseek" failure of a seek-based transfer cannot occur),
+// retried after EINTR and continued after short transfers.
+// ---------------------------------------------------------------------------
+
+extern "C" int bdb_write_dpage(bdb_handle *h, uint32_t pg, const void *src, uint32_t n) {
+    h->stats->page_writes++;
+    auto *p = static_cast<const uint8_t *>(src);
+    off_t off = static_cast<off_t>(pg) << kPageShift;
+    size_t left = n;
+    while (left > 0) {
+        ssize_t w = sysio.pwrite(h->fd, p, left, off);
+        if (w < 0 && errno == EINTR) continue;
+        if (w <= 0) {
+            if (w == 0) errno = ENOSPC;
+            fail(h, BDB_E_WRITE, "db write");
+            return -1;
+        }
+        p += w;
+        off += w;
+        left -= static_cast<size_t>(w);
+    }
+    return 0;
+}
+
+extern "C" int bdb_read_dpage(bdb_handle *h, uint32_t pg, void *dst, uint32_t n) {
+    h->stats->page_reads++;
+    auto *p = static_cast<uint8_t *>(dst);
+    off_t off = static_cast<off_t>(pg) << kPageShift;
+    size_t left = n;
+    while (left > 0) {
+        ssize_t r = sysio.pread(h->fd, p, left, off);
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) {
+            fail(h, BDB_E_READ, "db read");
+            return -1;
+        }
+        p += r;
+        off += r;
+        left -= static_cast<size_t>(r);
+    }
+    return 0;
+}
+
+// A failed extension leaves BDB_E_IO, so that the allocation that asked for
+// it reports a code of its own rather than whatever the handle held before.
+extern "C" int bdb_extend(bdb_handle *h, uint32_t pages) {
+    if (sysio.ftruncate(h->fd, static_cast<off_t>(pages) << kPageShift) < 0) {
+        fail(h, BDB_E_IO, "db extend file");
+        return -1;
+    }
+    *h->npages_ref = pages;
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Back-out of saved page images
+// ---------------------------------------------------------------------------
+
+// A restored meta page image is marked changed, so that the next sync writes
+// it: otherwise a close right after the back-out would leave page 0 of the
+// file describing the state that was backed out.
+extern "C" int bdb_backout_old(bdb_handle *h, const void *record, uint32_t len) {
+    if (!h) {
+        errno = EINVAL;
+        return -1;
+    }
+    *h->state_ref |= BDB_BACKOUT;
+    int rc = 0;
+    if (len < 4) {
+        fail(h, BDB_E_PARAM, "Bad back-out record length");
+        rc = -1;
+    } else {
+        uint32_t pg;
+        std::memcpy(&pg, record, 4);
+        const auto *image = static_cast<const uint8_t *>(record) + 4;
+        const uint32_t n = len - 4;
+        if (pg != 0) {
+            if (static_cast<uint64_t>(pg) + run_pages(n) > BDB_MAXPAGES) {
+                fail(h, BDB_E_PARAM, "recovery write failed");
+                rc = -1;
+            } else {
+                bdb_inval_cache_pg(h, pg);
+                if (bdb_write_dpage(h, pg, image, n) < 0) {
+                    bdb_errlog(h, "recovery write failed");
+                    rc = -1;
+                }
+            }
+        } else if (n != kPageSize) {
+            bdb_errlog(h, "Bad meta page log size");
+            rc = -1;
+        } else {
+            std::memcpy(h->meta, image, kPageSize);
+            *h->state_ref |= BDB_METADIRTY;
+        }
+    }
+    *h->state_ref &= ~BDB_BACKOUT;
+    return rc;
+}

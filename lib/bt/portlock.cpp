@@ -1,0 +1,64 @@
+// The file lock: the one place in the library that locks a database file.
+//
+// The lock covers the meta page (bytes 0 to 8191). It is a record lock of the
+// open file description (F_OFD_SETLK), taken without waiting:
+//  - a read-write handle takes it exclusively, a read-only handle shares it
+//    with other readers, so a private read-only open works on a file the
+//    user may only read and still keeps writers of other processes out;
+//  - it belongs to the handle's own open file, so a second private open of
+//    the database in the same process is refused as well, and closing some
+//    other descriptor of the file does not drop it.
+#include <cerrno>
+#include <fcntl.h>
+
+#include "bdb_int.h"
+
+using namespace varlo;
+
+namespace {
+
+int set_lock(int fd, short type) {
+    struct flock fl {};
+    fl.l_type = type;
+    fl.l_whence = SEEK_SET;
+    fl.l_start = 0;
+    fl.l_len = BDB_PGSIZE;
+    fl.l_pid = 0;
+    int r;
+    do {
+        r = ::fcntl(fd, F_OFD_SETLK, &fl);
+    } while (r < 0 && errno == EINTR);
+    return r;
+}
+
+}  // namespace
+
+extern "C" int btree_lockf(bdb_handle *h, int op, int kind) {
+    (void)kind;
+    if (!h) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (op == BDB_LOCK) {
+        if (h->flags & BDB_F_LOCKED) {
+            h->error = BDB_E_LOCKED;
+            return -1;
+        }
+        if (set_lock(h->fd, (h->flags & BDB_F_RDONLY) ? F_RDLCK : F_WRLCK) < 0) {
+            h->error = BDB_E_IO;
+            return -1;
+        }
+        h->flags |= BDB_F_LOCKED;
+        return 0;
+    }
+    if (!(h->flags & BDB_F_LOCKED)) {
+        h->error = BDB_E_NOTLOCKED;
+        return -1;
+    }
+    if (set_lock(h->fd, F_UNLCK) < 0) {
+        h->error = BDB_E_IO;
+        return -1;
+    }
+    h->flags &= ~BDB_F_LOCKED;
+    return 0;
+}
