@@ -31,7 +31,7 @@ deps:
 
 run: deps
 	@cmake -S . -B $(BUILD) $(CMAKE_FLAGS) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-	@cmake --build $(BUILD) -j$(JOBS) --target varlo_example varlo_tool
+	@cmake --build $(BUILD) -j$(JOBS) --target varlo_example
 	@dir=$$(mktemp -d /tmp/varlo-run-XXXXXX); \
 	./$(BUILD)/examples/varlo_example "$$dir/example.db"; rc=$$?; \
 	rm -rf "$$dir"; exit $$rc
