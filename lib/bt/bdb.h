@@ -31,6 +31,7 @@
 #include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/ipc.h> /* key_t, also under strict -std=c99 */
 #include <sys/types.h>
 
 #ifdef __cplusplus
