@@ -125,4 +125,140 @@ inline long env_long(const char *name, long dflt) {
 
 }  // namespace vt
 
+// ---------------------------------------------------------------------------
+// Multi-process and thread tests: children, bounded waits, System V clean-up.
+// ---------------------------------------------------------------------------
+
+#include <csignal>
+#include <cstdio>
+#include <functional>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+// In a child: reports the failed condition on stderr and ends the child's
+// function with status 1.
+#define VT_CHILD_CHECK(c)                                                                    \
+    do {                                                                                     \
+        if (!(c)) {                                                                          \
+            std::fprintf(stderr, "child %d: check failed at line %d: %s\n", (int)getpid(),  \
+                         __LINE__, #c);                                                      \
+            return 1;                                                                        \
+        }                                                                                    \
+    } while (0)
+
+namespace vt {
+
+// Removes the segment and the semaphore set of a key, if they exist.
+inline void remove_ipc(key_t key) {
+    int id = shmget(key, 0, 0);
+    if (id >= 0) shmctl(id, IPC_RMID, nullptr);
+    id = semget(key, 0, 0);
+    if (id >= 0) semctl(id, 0, IPC_RMID);
+}
+inline bool shm_exists(key_t key) { return shmget(key, 0, 0) >= 0; }
+inline bool sem_exists(key_t key) { return semget(key, 0, 0) >= 0; }
+// Processes attached to the key's segment; -1 when there is none.
+inline int shm_nattch(key_t key) {
+    int id = shmget(key, 0, 0);
+    struct shmid_ds ds;
+    if (id < 0 || shmctl(id, IPC_STAT, &ds) < 0) return -1;
+    return static_cast<int>(ds.shm_nattch);
+}
+// semctl on semaphore 1 (the database mutex) of the key's set; -1 when none.
+inline int sem_ctl(key_t key, int cmd) {
+    int id = semget(key, 0, 0);
+    return id < 0 ? -1 : semctl(id, 1, cmd);
+}
+
+// A watchdog for the whole process: when the alarm fires, the System V
+// objects of the keys registered here are removed and the process ends with
+// status 3, so that a hang fails the test instead of blocking the run.
+struct Watchdog {
+    static inline volatile sig_atomic_t nkeys = 0;
+    static inline key_t keys[32];
+    static void on_alarm(int) {
+        for (int i = 0; i < nkeys; ++i) remove_ipc(keys[i]);
+        static const char msg[] = "watchdog: test timed out\n";
+        if (write(2, msg, sizeof msg - 1) < 0) {
+        }
+        _exit(3);
+    }
+    static void arm(unsigned seconds) {
+        std::signal(SIGALRM, on_alarm);
+        alarm(seconds);
+    }
+    static void watch(key_t key) {
+        if (nkeys < 32) {
+            keys[nkeys] = key;
+            nkeys = nkeys + 1;
+        }
+    }
+    // Stops the alarm and removes what the registered keys left behind.
+    static void disarm_and_clean() {
+        alarm(0);
+        for (int i = 0; i < nkeys; ++i) remove_ipc(keys[i]);
+        nkeys = 0;
+    }
+};
+
+// Runs fn in a forked child that an alarm ends after `seconds`; the child
+// exits with fn's result.
+inline pid_t spawn(const std::function<int()> &fn, unsigned seconds = 60) {
+    std::fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        std::signal(SIGALRM, SIG_DFL);
+        alarm(seconds);
+        _exit(fn());
+    }
+    return pid;
+}
+
+// Polls pred every millisecond for at most ms milliseconds.
+inline bool wait_until(const std::function<bool()> &pred, int ms = 20000) {
+    for (int i = 0; i < ms; ++i) {
+        if (pred()) return true;
+        usleep(1000);
+    }
+    return pred();
+}
+
+// The child's exit status; 128 + signal when a signal ended it; -1 when it
+// did not end within ms milliseconds (it is then killed).
+inline int wait_child(pid_t pid, int ms = 90000) {
+    int st = 0;
+    pid_t r = 0;
+    wait_until([&] { return (r = waitpid(pid, &st, WNOHANG)) != 0; }, ms);
+    if (r == 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &st, 0);
+        return -1;
+    }
+    if (r < 0) return -1;
+    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+}
+
+// Creates a database at a fresh name in dir whose IPC key nobody uses yet
+// (another database elsewhere may share a key), puts its key under the
+// watchdog and returns the path.
+inline std::string fresh_db(const TempDir &dir, const std::string &base, int mode, key_t *key) {
+    for (int i = 0;; ++i) {
+        std::string p = dir.file(base + std::to_string(i));
+        uint32_t err = 0;
+        if (bdb_create(p.c_str(), mode, &err) < 0) return std::string();
+        key_t k = ftok(p.c_str(), varlo::kIpcProject);
+        if (k != -1 && !shm_exists(k) && !sem_exists(k)) {
+            Watchdog::watch(k);
+            if (key) *key = k;
+            return p;
+        }
+        if (i == 50) return std::string();
+    }
+}
+
+}  // namespace vt
+
 #endif

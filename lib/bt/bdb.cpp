@@ -245,7 +245,14 @@ bdb_handle *bdb_open(const char *path, int reserved, int flags, int mode, const 
 
     if (!(h->flags & BDB_F_FILE_SHARED)) {
         const bool reads_meta = !(h->flags & BDB_F_AREA) || (h->flags & BDB_F_AREA_OWNER);
-        h->fd = ::open(path, oflag | O_CLOEXEC, perm);
+        // The cache of an area is common to all its users: a read-only
+        // handle may have to write another user's changed page out of it to
+        // make room (and thread handles share this descriptor), so the file
+        // is opened for writing when the caller may write it.
+        const int area_oflag = (h->flags & BDB_F_AREA) ? O_RDWR : oflag;
+        h->fd = ::open(path, area_oflag | O_CLOEXEC, perm);
+        if (h->fd < 0 && area_oflag != oflag && (errno == EACCES || errno == EROFS))
+            h->fd = ::open(path, oflag | O_CLOEXEC, perm);
         if (h->fd < 0) return bdb_open_error(h, "open", errno == ETXTBSY ? BDB_E_SHARE : BDB_E_OPEN, err);
         if (mode == BDB_PRIVATE) {
             if (bdb_lock(h, BDB_LOCK, 3) < 0)

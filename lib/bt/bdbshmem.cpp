@@ -67,6 +67,27 @@ bool same_file(const char *a, const char *b) {
     return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
 }
 
+// ThreadSanitizer does not know that semop orders the threads of a process
+// that share a database's area: the semaphore's takes and releases are
+// announced to it (on one object per process).
+#if defined(__SANITIZE_THREAD__)
+#define VARLO_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define VARLO_TSAN 1
+#endif
+#endif
+#ifdef VARLO_TSAN
+extern "C" void __tsan_acquire(void *addr);
+extern "C" void __tsan_release(void *addr);
+char sem_order;
+void sem_taken() { __tsan_acquire(&sem_order); }
+void sem_giving_up() { __tsan_release(&sem_order); }
+#else
+void sem_taken() {}
+void sem_giving_up() {}
+#endif
+
 void release_if_held(bdb_handle *h, int (*release)(bdb_handle *, int)) {
     if (load_hold(h) != 0) {
         store_hold(h, 1);
@@ -165,6 +186,7 @@ int bdb_wait_shared_mutex(bdb_handle *h, int op) {
     for (;;) {
         if (h->sem_id == 0 && bdb_create_shared_mutex(h) < 0) return -1;
         if (::semop(semid_of(h), mutex_lock, 2) == 0) {
+            sem_taken();
             store_owner(h, self);
             store_hold(h, load_hold(h) + 1);
             return 0;
@@ -188,6 +210,7 @@ int bdb_release_shared_mutex(bdb_handle *h, int op) {
     store_hold(h, held - 1);
     if (held != 1) return 0;
     store_owner(h, 0);
+    sem_giving_up();
     for (;;) {
         if (::semop(semid_of(h), mutex_unlock, 1) == 0) return 0;
         if (errno == EIDRM || errno == EINVAL) {
@@ -203,8 +226,15 @@ int bdb_release_shared_mutex(bdb_handle *h, int op) {
 
 int bdb_destroy_shared_mutex(bdb_handle *h) {
     if (h->sem_id == 0) return 0;
-    release_if_held(h, bdb_release_shared_mutex);
-    if (h->sem_id == 0) return 0;
+    // A hold goes with the set, without a release first: a process waiting
+    // for the mutex would otherwise take it in the set about to go while the
+    // next opener takes a new set, and both would work on the area at once.
+    // Waiters on the removed set make a new one and compete for it.
+    if (load_hold(h) != 0) {
+        store_hold(h, 0);
+        store_owner(h, 0);
+        sem_giving_up();
+    }
     const int id = semid_of(h);
     h->sem_id = 0;
     if (::semctl(id, 1, IPC_RMID) < 0) {
@@ -396,7 +426,13 @@ int bdb_dealloc_handle(bdb_handle *h) {
         if (h->detach && h->detach(h) < 0) rc = -1;
     } else {
         rc = 0;
-        if (h->detach && h->detach(h) < 0) rc = -1;
+        if (h->detach) {
+            if (h->detach(h) < 0) rc = -1;
+        } else if (bdb_remove_database(h) < 0) {
+            // An open refused before its slots were filled (a private open of
+            // a database in shared use): the registration goes all the same.
+            rc = -1;
+        }
     }
     std::free(h);
     return rc;
