@@ -102,9 +102,15 @@ private:
     bool walk(uint32_t pg, int depth, Bound lo, Bound hi) {
         if (depth > kMaxDepth) return bad(pg, "tree too deep");
         if (!claim(pg, "tree page reached twice")) return false;
+        // The fetch reports nothing itself: the check reports the failure
+        // once, with the page it concerns.
+        const bdb_errhandler_fn handler = h_->errhandler;
+        h_->errhandler = nullptr;
         bdb_page *live = bdb_get_dpage(h_, pg, 0);
+        h_->errhandler = handler;
         if (!live) {
-            std::snprintf(msg_, sizeof msg_, "page %u: cannot be read", pg);
+            std::snprintf(msg_, sizeof msg_, "page %u: %s", pg,
+                          h_->error == BDB_E_DBTYPE ? "damaged tree page" : "cannot be read");
             bdb_errlog(h_, msg_);
             return false;
         }

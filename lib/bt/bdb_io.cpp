@@ -10,6 +10,7 @@
 //    records never used (or dropped) since the same lookup, the lowest index.
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -212,6 +213,24 @@ void *cache_pg_indexed(bdb_handle *h, uint32_t pg) {
     return buf;
 }
 
+// Every offset and length of a page read from the file stays inside the page.
+bool page_sane(const bdb_page *p) {
+    const uint32_t n = p->nslots;
+    if (n > (kPageSize - kHeaderSize) / kSlotSize) return false;
+    if (p->datastart > kPageSize || p->datastart < kHeaderSize + kSlotSize * n) return false;
+    for (uint32_t i = 0; i < n; ++i) {
+        const bdb_slot &s = p->slots[i];
+        if (s.keylen < 1 || s.keylen > BDB_MAXKEY) return false;
+        const bool lng = slot_is_long(s);
+        if (lng ? s.datalen < BDB_LONGDATA : s.datalen >= BDB_LONGDATA) return false;
+        const uint64_t size = s.keylen + (lng ? 0u : s.datalen);
+        if (s.keyoff < p->datastart || s.keyoff + size > kPageSize) return false;
+        if (!lng && s.dataref != s.keyoff + s.keylen) return false;
+        if (lng && s.dataref >= BDB_MAXPAGES) return false;
+    }
+    return true;
+}
+
 // The record holding a page, or kNone.
 uint32_t find_record(const bdb_handle *h, uint32_t pg) {
     if (!h->cache || pg == 0) return kNone;
@@ -299,10 +318,13 @@ extern "C" bdb_page *bdb_get_dpage(bdb_handle *h, uint32_t pg, int flags) {
     if ((flags & BDB_FORUPDATE) && bits_tstb(h->logmap, static_cast<int32_t>(pg)))
         bits_clrb(h->logmap, static_cast<int32_t>(pg));
     if ((h->flags & BDB_F_SWAPPED) && just_read) bdb_pgswap(buf, 0);
-    if (page->pgno != pg) {
-        // The file holds something else at this page: not a tree page of ours.
+    if (page->pgno != pg || (just_read && !page_sane(page))) {
+        // The file holds something else at this page, or a damaged tree page:
+        // it is refused before anything reads past its bounds.
         clear_first_word(buf);
-        fail(h, BDB_E_READ, "db page number mismatch");
+        char ctx[64];
+        std::snprintf(ctx, sizeof ctx, "damaged tree page %u", pg);
+        fail(h, BDB_E_DBTYPE, ctx);
         return nullptr;
     }
     if (flags & BDB_FORUPDATE) {
@@ -318,6 +340,9 @@ extern "C" bdb_page *bdb_new_dpage(bdb_handle *h) {
     if (bits_tstb(h->logmap, static_cast<int32_t>(pg))) bits_clrb(h->logmap, static_cast<int32_t>(pg));
     auto *page = static_cast<bdb_page *>(bdb_cache_pg(h, pg));
     if (!page) return nullptr;
+    // A new page starts zeroed: its free gap never carries bytes left over
+    // from whatever page the buffer held before.
+    std::memset(page, 0, kPageSize);
     page->pgno = pg;
     page->leftpg = 0;
     page->flags = BDB_PGBUSY;

@@ -347,8 +347,27 @@ inline bool commit(bdb_handle *h, bdb_page *p, uint32_t pg) { return p->pgno == 
 
 inline bool is_empty_page(const bdb_page *p) { return p->nslots == 0 && p->leftpg == 0; }
 
-// Hands entry i's key and value to the caller.
-int hand_out(bdb_handle *h, const bdb_page *p, int32_t i, bdb_datum *key, bdb_datum *data) {
+// A tree deeper than this is damaged (a cycle of child pointers): the
+// recursion stops there with an error instead of running off the stack.
+constexpr int kMaxLevels = 100;
+
+int too_deep(bdb_handle *h) {
+    fail(h, BDB_E_DBTYPE, "tree too deep: damaged child links");
+    return SR_NOPAGE;
+}
+
+// Hands entry i's key and value to the caller. For a successor (after set:
+// the caller's key) the record must order after it; in a damaged tree it may
+// not, and handing it out could walk the caller in circles.
+int hand_out(bdb_handle *h, const bdb_page *p, int32_t i, bdb_datum *key, bdb_datum *data,
+             const bdb_datum *after = nullptr) {
+    if (after) {
+        bdb_datum cand = slot_key(p, i);
+        if ((h->compare ? h->compare : bdb_dti_compare)(after, &cand) >= 0) {
+            fail(h, BDB_E_DBTYPE, "keys out of order: damaged tree");
+            return SR_NOPAGE;
+        }
+    }
     if (bdb_ret_key(p, key, i) < 0) return SR_NOMEM;
     if (bdb_ret_data(h, p, data, i) < 0) return SR_NOPAGE;
     return SR_OK;
@@ -361,16 +380,18 @@ int hand_out(bdb_handle *h, const bdb_page *p, int32_t i, bdb_datum *key, bdb_da
 // The smallest record of the subtree at pg. Pages without entries can remain
 // in the tree, so when the leftmost subtree holds nothing the record wanted
 // is entry 0 of this page; a subtree with no record at all gives SR_END.
-int first(bdb_handle *h, bdb_datum *key, bdb_datum *data, uint32_t pg) {
+int first(bdb_handle *h, bdb_datum *key, bdb_datum *data, uint32_t pg, int level = 0,
+          const bdb_datum *after = nullptr) {
+    if (level > kMaxLevels) return too_deep(h);
     bdb_page *p = read_page(h, pg);
     if (!p) return SR_NOPAGE;
     if (p->leftpg) {
-        int r = first(h, key, data, p->leftpg);
+        int r = first(h, key, data, p->leftpg, level + 1, after);
         if (r != SR_END) return r;
         if (!(p = read_page(h, pg))) return SR_NOPAGE;
     }
     if (p->nslots == 0) return SR_END;
-    return hand_out(h, p, 0, key, data);
+    return hand_out(h, p, 0, key, data, after);
 }
 
 // ---------------------------------------------------------------------------
@@ -681,13 +702,15 @@ int set_child(bdb_handle *h, uint32_t ppg, int32_t c, uint32_t child) {
 // at Y. A rightmost page without entries may end the descent; the predecessor
 // then lies higher up (the last entry of a page above), and a subtree without
 // any record is released (SR_EMPTYSUB) for the caller to unlink.
-int deletekey(bdb_handle *h, uint32_t tpg, uint32_t ypg, int32_t i, bdb_entry *promote, bdb_datum *data) {
+int deletekey(bdb_handle *h, uint32_t tpg, uint32_t ypg, int32_t i, bdb_entry *promote, bdb_datum *data,
+              int level = 0) {
+    if (level > kMaxLevels) return too_deep(h);
     bdb_page *Y = read_page(h, ypg);
     if (!Y) return SR_NOPAGE;
     int32_t l = static_cast<int32_t>(Y->nslots) - 1;
     uint32_t c = child_at(Y, l);
     if (c != 0) {
-        int r = deletekey(h, tpg, c, i, promote, data);
+        int r = deletekey(h, tpg, c, i, promote, data, level + 1);
         if (r == SR_EMPTYSUB) {
             // The rightmost subtree held nothing and is gone.
             if ((r = set_child(h, ypg, l, 0)) != SR_DONE) return r;
@@ -855,12 +878,12 @@ int next_after(bdb_handle *h, uint32_t pgno, int32_t mid, bdb_datum *key, bdb_da
     if (!p) return SR_NOPAGE;
     const uint32_t c = p->slots[mid].childpg;
     if (c) {
-        int r = first(h, key, data, c);
+        int r = first(h, key, data, c, 0, key);
         if (r != SR_END) return r;
         if (!(p = read_page(h, pgno))) return SR_NOPAGE;
     }
     if (static_cast<uint32_t>(mid + 1) >= p->nslots) return SR_END;
-    return hand_out(h, p, mid + 1, key, data);
+    return hand_out(h, p, mid + 1, key, data, key);
 }
 
 int search(bdb_handle *h, bdb_datum *key, bdb_datum *data, int *op, uint32_t pgno, bdb_entry *promote) {
@@ -872,7 +895,7 @@ int search(bdb_handle *h, bdb_datum *key, bdb_datum *data, int *op, uint32_t pgn
         }
         return SR_NOTFOUND;
     }
-    h->stats->depth++;
+    if (++h->stats->depth > static_cast<uint32_t>(kMaxLevels)) return too_deep(h);
     bdb_page *p = read_page(h, pgno);
     if (!p) return SR_NOPAGE;
 
@@ -917,7 +940,7 @@ int search(bdb_handle *h, bdb_datum *key, bdb_datum *data, int *op, uint32_t pgn
     case SR_END:
         if (!(p = read_page(h, pgno))) return SR_NOPAGE;
         if (static_cast<uint32_t>(lo) >= p->nslots) return SR_END;
-        return hand_out(h, p, lo, key, data);
+        return hand_out(h, p, lo, key, data, key);
     case SR_PROMOTE:
         return insert(h, pgno, hi, promote, &below);
     case SR_SHRUNK:

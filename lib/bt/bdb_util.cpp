@@ -462,19 +462,37 @@ extern "C" int32_t bdb_where_split(const bdb_page *page, int32_t p, const bdb_en
 // Tree walk
 // ---------------------------------------------------------------------------
 
-extern "C" int bdb_parse_tree(bdb_handle *h, uint32_t pgno, bdb_visit_fn visit, int mode, int32_t depth) {
+namespace {
+
+// The walk of one subtree; `level` counts the recursion so that a cycle of
+// child pointers in a damaged file ends with an error.
+int walk(bdb_handle *h, uint32_t pgno, bdb_visit_fn visit, int mode, int32_t depth, int level) {
     if (pgno == 0) return 0;
+    if (level > 100) {
+        fail(h, BDB_E_DBTYPE, "tree too deep: damaged child links");
+        return -1;
+    }
     bdb_page *p = bdb_get_dpage(h, pgno, 0);
     if (!p) return -1;
     const uint32_t n = p->nslots;
     if (mode == 0 && visit && visit(h, p, 0, depth) < 0) return -1;
-    if (bdb_parse_tree(h, p->leftpg, visit, mode, depth + 1) < 0) return -1;
+    if (walk(h, p->leftpg, visit, mode, depth + 1, level + 1) < 0) return -1;
     for (uint32_t i = 0; i < n; ++i) {
         // The walk below may have taken this page's buffer.
         if (!(p = bdb_get_dpage(h, pgno, 0))) return -1;
         if (i >= p->nslots) break;
         if (mode == 1 && visit && visit(h, p, static_cast<int32_t>(i), depth) < 0) return -1;
-        if (bdb_parse_tree(h, p->slots[i].childpg, visit, mode, depth + 1) < 0) return -1;
+        if (walk(h, p->slots[i].childpg, visit, mode, depth + 1, level + 1) < 0) return -1;
     }
     return 0;
+}
+
+}  // namespace
+
+extern "C" int bdb_parse_tree(bdb_handle *h, uint32_t pgno, bdb_visit_fn visit, int mode, int32_t depth) {
+    if (!h) {
+        errno = EINVAL;
+        return -1;
+    }
+    return walk(h, pgno, visit, mode, depth, 0);
 }
