@@ -3,6 +3,7 @@
 // file lock between processes, read-only handles, and files written in the
 // other byte order.
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -96,11 +97,11 @@ std::string fingerprint(const std::string &path) {
 // An open that must fail with code, reporting the given contexts in order
 // (the last one is the open's own), and leaving the file as it was.
 void expect_open_fails(const std::string &path, int flags, int mode, uint32_t code,
-                       const std::vector<std::string> &contexts) {
+                       const std::vector<std::string> &contexts, uint32_t cache = 0) {
     const std::string before = fingerprint(path);
     reports().clear();
     uint32_t err = 0;
-    bdb_options o{0, nullptr, vt::recording_handler};
+    bdb_options o{cache, nullptr, vt::recording_handler};
     bdb_handle *h = bdb_open(path.c_str(), 0, flags, mode, &o, 0, &err);
     EXPECT_EQ(h, nullptr);
     if (h) bdb_close(h);
@@ -114,8 +115,9 @@ void expect_open_fails(const std::string &path, int flags, int mode, uint32_t co
     }
     EXPECT_TRUE(fingerprint(path) == before) << "a refused open changed " << path;
 }
-void expect_open_fails(const std::string &path, int flags, int mode, uint32_t code, const std::string &context) {
-    expect_open_fails(path, flags, mode, code, std::vector<std::string>{context});
+void expect_open_fails(const std::string &path, int flags, int mode, uint32_t code, const std::string &context,
+                       uint32_t cache = 0) {
+    expect_open_fails(path, flags, mode, code, std::vector<std::string>{context}, cache);
 }
 const std::vector<std::string> kLocked = {"db lock", "Database already opened by another process"};
 
@@ -204,6 +206,13 @@ TEST(Create, RefusalsLeaveTheDiskAsItWas) {
         EXPECT_EQ(err, BDB_E_PARAM);
         EXPECT_FALSE(exists(p));
     }
+    // A link to a file that does not exist: the link's target is not made.
+    const std::string target = d.file("target"), link = d.file("link");
+    ASSERT_EQ(::symlink(target.c_str(), link.c_str()), 0);
+    uint32_t lerr = 0;
+    EXPECT_EQ(bdb_create(link.c_str(), BDB_PRIVATE, &lerr), -1);
+    EXPECT_EQ(lerr, BDB_E_EXISTS);
+    EXPECT_FALSE(exists(target));
     // A folder that does not exist: nothing to create in.
     uint32_t err = 0;
     EXPECT_EQ(bdb_create(d.file("no/such/dir").c_str(), BDB_PRIVATE, &err), -1);
@@ -326,9 +335,56 @@ TEST(Open, FilesThatAreNotDatabases) {
         expect_open_fails(magic, flags, BDB_PRIVATE, BDB_E_MAGIC, "meta magic corrupt");
         expect_open_fails(huge, flags, BDB_PRIVATE, BDB_E_DBSIZE, "db lseek end");
     }
+    // A folder cannot be opened for writing; read-only it is no database.
+    expect_open_fails(d.path(), BDB_RDWR, BDB_PRIVATE, BDB_E_OPEN, "open");
+    EXPECT_EQ(bdb_open(d.path().c_str(), 0, BDB_RDONLY, BDB_PRIVATE, nullptr, 0, nullptr), nullptr);
     // The good file still opens after all of this.
     bdb_handle *h = vt::open_db(good);
     ASSERT_NE(h, nullptr);
+    EXPECT_EQ(bdb_close(h), 0);
+}
+
+// A shared open that fails after it made the database's segment and
+// semaphore set removes both again, and changes nothing in the file.
+TEST(Open, RefusedSharedOpenLeavesNoIpcBehind) {
+    vt::TempDir d;
+    const std::string good = d.file("good");
+    ASSERT_EQ(bdb_create(good.c_str(), BDB_SHARED, nullptr), 0);
+    std::string page0 = read_file(good);
+    page0[1] ^= 0x10;
+    const std::string magic = d.file("magic"), odd = d.file("odd");
+    write_file(magic, page0);
+    page0[1] ^= 0x10;
+    write_file(odd, page0 + std::string(100, '\0'));
+    for (const std::string &p : {magic, odd}) {
+        const key_t key = ::ftok(p.c_str(), 66);
+        ASSERT_NE(key, -1);
+        ASSERT_LT(::shmget(key, 0, 0), 0) << "segment exists before the test";
+        if (p == magic)
+            expect_open_fails(p, BDB_RDWR, BDB_SHARED, BDB_E_MAGIC, "meta magic corrupt");
+        else
+            expect_open_fails(p, BDB_RDWR, BDB_SHARED, BDB_E_DBSIZE, "db lseek end");
+        EXPECT_LT(::shmget(key, 0, 0), 0) << "segment left behind";
+        EXPECT_LT(::semget(key, 0, 0), 0) << "semaphore set left behind";
+    }
+}
+
+// While a database is in use in shared mode, private opens are refused.
+TEST(Open, PrivateRefusedWhileOpenShared) {
+    vt::TempDir d;
+    const std::string p = d.file("db");
+    ASSERT_EQ(bdb_create(p.c_str(), BDB_SHARED, nullptr), 0);
+    bdb_handle *s = bdb_open(p.c_str(), 0, BDB_RDWR, BDB_SHARED, nullptr, 0, nullptr);
+    ASSERT_NE(s, nullptr);
+    ASSERT_EQ(vt::put(s, "k", "v"), 0);
+    ASSERT_EQ(bdb_sync(s), 0);
+    expect_open_fails(p, BDB_RDWR, BDB_PRIVATE, BDB_E_SHARE, "Private database already opened shared");
+    expect_open_fails(p, BDB_RDONLY, BDB_PRIVATE, BDB_E_SHARE, "Private database already opened shared");
+    ASSERT_EQ(bdb_close(s), 0);
+    bdb_handle *h = vt::open_db(p);
+    ASSERT_NE(h, nullptr);
+    std::string v;
+    EXPECT_TRUE(vt::get(h, "k", &v));
     EXPECT_EQ(bdb_close(h), 0);
 }
 
@@ -336,6 +392,7 @@ ssize_t failing_pread(int, void *, size_t, off_t) {
     errno = EIO;
     return -1;
 }
+ssize_t eof_pread(int, void *, size_t, off_t) { return 0; }
 int g_short_reads = 0;
 ssize_t short_pread(int fd, void *b, size_t n, off_t o) {
     ++g_short_reads;
@@ -354,6 +411,9 @@ TEST(Open, MetaPageReadFailureAndShortReads) {
     varlo::sysio.pread = failing_pread;
     expect_open_fails(p, BDB_RDWR, BDB_PRIVATE, BDB_E_READ, "meta read");
     expect_open_fails(p, BDB_RDONLY, BDB_PRIVATE, BDB_E_READ, "meta read");
+    // A file that ends early (cut while being opened) ends the open too.
+    varlo::sysio.pread = eof_pread;
+    expect_open_fails(p, BDB_RDWR, BDB_PRIVATE, BDB_E_READ, "meta read");
 
     // Reads that deliver less than asked for are continued.
     varlo::sysio.pread = short_pread;
@@ -363,6 +423,31 @@ TEST(Open, MetaPageReadFailureAndShortReads) {
     EXPECT_GE(g_short_reads, 9);
     expect_records(h, m);
     EXPECT_EQ(bdb_close(h), 0);
+}
+
+// A page cache too big for the process: the open fails and gives up the
+// file lock, so that the next open works.
+TEST(Open, CacheThatCannotBeMadeFailsCleanly) {
+    vt::TempDir d;
+    const std::string p = d.file("db");
+    ASSERT_EQ(bdb_create(p.c_str(), BDB_PRIVATE, nullptr), 0);
+    int rc = in_child([&] {
+        long pages = 0;
+        if (FILE *f = std::fopen("/proc/self/statm", "r")) {
+            if (std::fscanf(f, "%ld", &pages) != 1) pages = 0;
+            std::fclose(f);
+        }
+        if (pages == 0 || pages * ::sysconf(_SC_PAGESIZE) > (1L << 29)) return 77;  // e.g. a sanitizer's shadow
+        struct rlimit lim {1L << 30, 1L << 30};
+        if (::setrlimit(RLIMIT_AS, &lim) != 0) return 77;
+        expect_open_fails(p, BDB_RDWR, BDB_PRIVATE, BDB_E_NOMEM, "Failed to set up page cache", 0xffffe000u);
+        bdb_handle *h = vt::open_db(p);
+        if (!h) return 2;
+        if (bdb_close(h) != 0) return 3;
+        return ::testing::Test::HasFailure() ? 1 : 0;
+    });
+    if (rc == 77) GTEST_SKIP() << "cannot limit this process's address space";
+    EXPECT_EQ(rc, 0);
 }
 
 // No permission to open the file at all: tried as an unprivileged user.
@@ -518,7 +603,8 @@ TEST(ReadOnly, RefusesEveryChangeAndWritesNothing) {
     count_writes();
     const std::string k = m.begin()->first, absent = "absent";
     for (const std::string &key : {k, absent}) {
-        bdb_datum kd = vt::datum(key), vd = vt::datum("new");
+        const std::string nv = "new";
+        bdb_datum kd = vt::datum(key), vd = vt::datum(nv);
         bdb_datum out{};
         bdb_seterror(h, 0);
         EXPECT_EQ(bdb_put(h, &kd, &vd), -1);

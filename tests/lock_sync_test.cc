@@ -229,6 +229,14 @@ TEST(Sync, FileShrinksToItsHighestPageInUse) {
     for (auto &[k, v] : all) ASSERT_TRUE(m.at(k) == v) << k;
     EXPECT_EQ(bdb_check(h), 0) << vt::last_context();
 
+    // Zero pages appended behind the library's back are cut by the next sync.
+    ASSERT_EQ(bdb_close(h), 0);
+    ASSERT_EQ(::truncate(p.c_str(), file_size(p) + 5 * 8192), 0);
+    h = vt::open_db(p);
+    ASSERT_NE(h, nullptr);
+    ASSERT_EQ(bdb_sync(h), 0);
+    EXPECT_EQ(file_size(p), static_cast<off_t>(pages_in_use(h)) * 8192);
+
     // Everything deleted: the pages left in use are the tree's, if any.
     for (auto &[k, v] : m) ASSERT_EQ(vt::del(h, k), 0);
     ASSERT_EQ(bdb_sync(h), 0);

@@ -203,7 +203,8 @@ TEST_F(RecordCalls, BadArgumentsAreRefused) {
     ASSERT_EQ(vt::put(h, "k", "v"), 0);
     const uint32_t puts = h->stats->puts;
     char kb[1024] = "k";
-    bdb_datum key{kb, 1}, nullkey{nullptr, 3}, data = vt::datum("x"), nulldata{nullptr, 5};
+    char xb[] = "x";
+    bdb_datum key{kb, 1}, nullkey{nullptr, 3}, data{xb, 1}, nulldata{nullptr, 5};
     auto refused = [&](int rc) {
         EXPECT_EQ(rc, -1);
         EXPECT_EQ(bdb_error(h), BDB_E_PARAM);
@@ -234,7 +235,8 @@ TEST_F(RecordCalls, BadArgumentsAreRefused) {
     ASSERT_EQ(all.size(), 1u);
     EXPECT_EQ(all[0].second, "v");
     // An empty value may come with a null pointer.
-    bdb_datum k2 = vt::datum("empty"), e{nullptr, 0};
+    const std::string empty_key = "empty";
+    bdb_datum k2 = vt::datum(empty_key), e{nullptr, 0};
     EXPECT_EQ(bdb_put(h, &k2, &e), 0);
     // Null handles: errno EINVAL.
     for (int rc : {bdb_get(nullptr, &key, &data), bdb_put(nullptr, &key, &data), bdb_replace(nullptr, &key, &data),
