@@ -15,7 +15,7 @@ namespace {
 
 // Counters that parent and children share (an anonymous shared mapping).
 struct Board {
-    std::atomic<int> started{0}, done{0}, flag{0};
+    std::atomic<int> started{0}, done{0}, flag{0}, owners{0};
 };
 
 class SharedMode : public ::testing::Test {
@@ -114,6 +114,7 @@ int writer(const std::string &path, Board *board, int w) {
     uint32_t err = 0;
     bdb_handle *h = bdb_open(path.c_str(), 0, BDB_RDWR, BDB_SHARED, nullptr, 0, &err);
     VT_CHILD_CHECK(h != nullptr);
+    if (h->flags & BDB_F_AREA_OWNER) board->owners++;
     board->started++;
     await(board->started, kWriters + 1);
     std::vector<int> order(kKeys);
@@ -143,6 +144,7 @@ int reader(const std::string &path, Board *board) {
     uint32_t err = 0;
     bdb_handle *h = bdb_open(path.c_str(), 0, BDB_RDONLY, BDB_SHARED, nullptr, 0, &err);
     VT_CHILD_CHECK(h != nullptr);
+    if (h->flags & BDB_F_AREA_OWNER) board->owners++;
     board->started++;
     await(board->started, kWriters + 1);
     std::mt19937 rng(5);
@@ -177,6 +179,8 @@ TEST_F(SharedMode, ConcurrentWritersAndAReaderAgree) {
         kids.push_back(vt::spawn([&, w] { return writer(path, board, w); }, 240));
     kids.push_back(vt::spawn([&] { return reader(path, board); }, 240));
     for (pid_t p : kids) EXPECT_EQ(vt::wait_child(p, 250000), 0) << "child " << p;
+    // The opens were serialised: exactly one process initialised the area.
+    EXPECT_EQ(board->owners.load(), 1);
     // The last close removed the segment and the semaphore set.
     EXPECT_TRUE(ipc_gone());
 
@@ -184,6 +188,36 @@ TEST_F(SharedMode, ConcurrentWritersAndAReaderAgree) {
     ASSERT_NE(h, nullptr);
     EXPECT_TRUE(h->flags & BDB_F_AREA_OWNER);
     EXPECT_TRUE(matches_final(h));
+    EXPECT_EQ(bdb_check(h), 0) << vt::last_context();
+    EXPECT_EQ(bdb_close(h), 0);
+    EXPECT_TRUE(ipc_gone());
+}
+
+// Processes opening and closing at once: every last close removes segment
+// and set while others may be attaching; no record may be lost on the way.
+TEST_F(SharedMode, OpenAndCloseChurn) {
+    constexpr int kProcs = 4, kRounds = 40;
+    std::vector<pid_t> kids;
+    for (int w = 0; w < kProcs; ++w) {
+        kids.push_back(vt::spawn([&, w] {
+            for (int i = 0; i < kRounds; ++i) {
+                bdb_handle *c = open_shared();
+                VT_CHILD_CHECK(c != nullptr);
+                VT_CHILD_CHECK(vt::put(c, key_of(w, i), value_of(key_of(w, i), 0)) == 0);
+                for (int k = 0; k <= i; ++k) {
+                    std::string v;
+                    VT_CHILD_CHECK(vt::get(c, key_of(w, k), &v) && v == value_of(key_of(w, k), 0));
+                }
+                VT_CHILD_CHECK(bdb_close(c) == 0);
+            }
+            return 0;
+        }, 240));
+    }
+    for (pid_t p : kids) EXPECT_EQ(vt::wait_child(p, 250000), 0) << "child " << p;
+    EXPECT_TRUE(ipc_gone());
+    bdb_handle *h = open_shared();
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(vt::walk(h).size(), static_cast<size_t>(kProcs * kRounds));
     EXPECT_EQ(bdb_check(h), 0) << vt::last_context();
     EXPECT_EQ(bdb_close(h), 0);
     EXPECT_TRUE(ipc_gone());
