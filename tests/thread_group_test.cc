@@ -321,6 +321,34 @@ TEST_F(ThreadGroup, TwoPathsToOneFileMakeOneEntry) {
     EXPECT_EQ(bdb_close(a), 0);
 }
 
+TEST_F(ThreadGroup, DestroyRemovesTheFileOnlyThroughTheLastHandle) {
+    const std::string path = make_db("destroy");
+    bdb_handle *a = open_thread(path, 1), *b = open_thread(path, 2);
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(bdb_destroy(a), 0);
+    EXPECT_EQ(access(path.c_str(), F_OK), 0);
+    EXPECT_EQ(vt::put(b, "still", "here"), 0);
+    EXPECT_EQ(bdb_destroy(b), 0);
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+}
+
+// Without an identity from the hook, a handle takes the thread argument.
+uint32_t no_identity() { return 0; }
+
+TEST_F(ThreadGroup, ThreadArgumentStandsInForAMissingIdentity) {
+    const std::string path = make_db("noid");
+    bdb_thread_self = no_identity;
+    bdb_handle *a = open_thread(path, 41), *b = open_thread(path, 42);
+    bdb_thread_self = unix_thread_self;
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(bdb_get_threadid(a), 41u);
+    EXPECT_EQ(bdb_get_threadid(b), 42u);
+    EXPECT_EQ(bdb_close(a), 0);
+    EXPECT_EQ(bdb_close(b), 0);
+}
+
 // --- shared mode with thread handles ------------------------------------------
 
 TEST_F(ThreadGroup, SharedModeThreadHandlesAttachOnce) {
