@@ -202,7 +202,9 @@ TEST(IoFailure, AFailedChangeLeavesTheDatabaseAsItWas) {
             } else {
                 std::string out;
                 rc = vt::get(h, k, &out) ? 0 : -1;
-                if (rc == 0) ASSERT_TRUE(out == m[k]);
+                if (rc == 0) {
+                    ASSERT_TRUE(out == m[k]);
+                }
             }
             Fault::disarm();
             if (rc == 0) {
@@ -225,7 +227,9 @@ TEST(IoFailure, AFailedChangeLeavesTheDatabaseAsItWas) {
                 Fault::arm(static_cast<long>(rng() % 20), false);
                 int s = bdb_sync(h);
                 Fault::disarm();
-                if (s < 0) ASSERT_EQ(bdb_sync(h), 0);
+                if (s < 0) {
+                    ASSERT_EQ(bdb_sync(h), 0);
+                }
             }
         }
         EXPECT_GT(failures, 0);
