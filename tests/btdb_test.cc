@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <functional>
@@ -405,6 +406,99 @@ TEST_F(ObjStore, KeysLongerThanTheLimitAreRefused) {
     EXPECT_EQ(bdb_error(h), BDB_E_KEYSIZE);
     EXPECT_EQ(getobj(h, "tt"), "T");  // the header came first
     for (auto &r : vt::walk(h)) EXPECT_LE(r.first.size(), 1024u);
+}
+
+// Reads that start failing part-way: removal, cloning and listing stop with
+// the read error, keep the object's header, and leave a sound database.
+int g_reads_left = 0;
+ssize_t limited_pread(int fd, void *b, size_t n, off_t o) {
+    if (g_reads_left-- <= 0) {
+        errno = EIO;
+        return -1;
+    }
+    return ::pread(fd, b, n, o);
+}
+
+TEST(ObjStoreIo, ReadErrorsStopCallsCleanly) {
+    vt::TempDir d;
+    const std::string path = d.file("odb");
+    uint32_t err = 0;
+    bdb_handle *h = bt_initdb(path.c_str(), 0, 32768, BDB_PRIVATE, 0, &err);
+    ASSERT_NE(h, nullptr);
+    ASSERT_EQ(mkobj(h, "a", "A"), 0);
+    ASSERT_EQ(mkobj(h, "big", "B"), 0);
+    ASSERT_EQ(mkobj(h, "z", "Z"), 0);
+    std::vector<std::string> names;
+    for (int i = 0; i < 300; ++i) {
+        char n[8];
+        std::snprintf(n, sizeof n, "%03d", i);
+        names.emplace_back(n);
+        ASSERT_EQ(additem(h, "big", "", n, std::string(100, 'v')), 0);
+    }
+    ASSERT_EQ(bt_closedb(h), 0);
+
+    struct Restore {
+        ~Restore() { varlo::sysio_reset(); }
+    } restore;
+    auto reopen = [&] {
+        if (h) bt_closedb(h);
+        h = bt_initdb(path.c_str(), 0, 32768, BDB_PRIVATE, 0, &err);
+        ASSERT_NE(h, nullptr);
+    };
+    // Listing: the caller gets what was listed so far, or nothing.
+    reopen();
+    g_reads_left = 6;
+    varlo::sysio.pread = limited_pread;
+    char **l = nullptr;
+    uint32_t c = 0;
+    EXPECT_EQ(bt_getitem_list(h, "big", nullptr, &l, &c), -1);
+    EXPECT_EQ(bdb_error(h), BDB_E_READ);
+    for (uint32_t i = 0; i < c; ++i) EXPECT_EQ(l[i], names[i]);
+    EXPECT_GT(c, 0u);  // the failure came part-way
+    EXPECT_LT(c, 300u);
+    if (l) {
+        EXPECT_EQ(l[c], nullptr);
+    }
+    for (uint32_t i = 0; i < c; ++i) std::free(l[i]);
+    std::free(l);
+    varlo::sysio_reset();
+
+    // Cloning.
+    reopen();
+    g_reads_left = 6;
+    varlo::sysio.pread = limited_pread;
+    const char *to[] = {"c", nullptr};
+    EXPECT_EQ(bt_clone(h, "big", to, nullptr, 0), -1);
+    EXPECT_EQ(bdb_error(h), BDB_E_READ);
+    varlo::sysio_reset();
+    EXPECT_EQ(bdb_check(h), 0) << vt::last_context();
+    EXPECT_EQ(list(h, "big", nullptr), names);
+    // What was copied stays: the header and the first items, in order.
+    EXPECT_EQ(getobj(h, "c"), "B");
+    auto copied = list(h, "c", nullptr);
+    EXPECT_GT(copied.size(), 0u);
+    EXPECT_LT(copied.size(), names.size());
+    EXPECT_TRUE(std::equal(copied.begin(), copied.end(), names.begin()));
+
+    // Removal.
+    reopen();
+    g_reads_left = 6;
+    varlo::sysio.pread = limited_pread;
+    EXPECT_EQ(bt_rmobj(h, "big"), -1);
+    EXPECT_EQ(bdb_error(h), BDB_E_READ);
+    varlo::sysio_reset();
+    EXPECT_EQ(bdb_check(h), 0) << vt::last_context();
+    EXPECT_EQ(getobj(h, "big"), "B");  // the header stays
+    // The items removed so far are the first ones.
+    auto left = list(h, "big", nullptr);
+    EXPECT_GT(left.size(), 0u);
+    EXPECT_LT(left.size(), names.size());
+    EXPECT_TRUE(std::equal(left.rbegin(), left.rend(), names.rbegin()));
+    ASSERT_EQ(bt_rmobj(h, "big"), 0);
+    ASSERT_EQ(bt_rmobj(h, "c"), 0);
+    EXPECT_EQ(vt::walk(h), (Records{{hdr("a"), "A"}, {hdr("z"), "Z"}}));
+    ASSERT_EQ(bt_closedb(h), 0);
+    h = nullptr;
 }
 
 TEST(ItemList, ArrayIsReplacedEveryFifteenEntries) {
