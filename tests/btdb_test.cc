@@ -436,6 +436,7 @@ TEST(ObjStoreIo, ReadErrorsStopCallsCleanly) {
         ASSERT_EQ(additem(h, "big", "", n, std::string(100, 'v')), 0);
     }
     ASSERT_EQ(bt_closedb(h), 0);
+    h = nullptr;
 
     struct Restore {
         ~Restore() { varlo::sysio_reset(); }
