@@ -150,7 +150,8 @@ int bdb_create(const char *path, int mode, uint32_t *err) {
     m->root = 0;
     *h->npages_ref = 1;
     if (bdb_write_dpage(h, 0, m, kPageSize) < 0 || bdb_do_sync(h) < 0 || bdb_lock(h, BDB_UNLOCK, 3) < 0) {
-        *err = h->error;
+        // A failed truncation leaves no code of its own in the handle.
+        *err = h->error ? h->error : BDB_E_CREATE;
         return failed();
     }
     bdb_dealloc_handle(h);
@@ -257,7 +258,15 @@ bdb_handle *bdb_open(const char *path, int reserved, int flags, int mode, const 
         if (mode == BDB_PRIVATE) {
             if (bdb_lock(h, BDB_LOCK, 3) < 0)
                 return bdb_open_error(h, "Database already opened by another process", h->error, err);
+            // A thread group's lock above is its mutex; the group's file is
+            // locked too, so that no other process opens it meanwhile.
+            if (h->thread_id && varlo::lock_file(h->fd, !(h->flags & BDB_F_RDONLY)) < 0)
+                return bdb_open_error(h, "Database already opened by another process", BDB_E_IO, err);
             if (h->thread_id) h->flags |= BDB_F_FILE_SHARED;
+        } else if (varlo::lock_file(h->fd, false) < 0) {
+            // Shared users hold the file lock together; a private user in
+            // another process holds it alone.
+            return bdb_open_error(h, "Database already opened privately by another process", BDB_E_SHARE, err);
         }
         if (::lseek(h->fd, 0, SEEK_SET) != 0) return bdb_open_error(h, "meta lseek 0", BDB_E_IO, err);
         struct stat st;

@@ -205,6 +205,10 @@ void journal_meta_touched(bdb_handle *h);
 // a failing change can still restore the records that used it).
 bool journal_defer_run(bdb_handle *h, uint32_t first, uint32_t n);
 
+// Locks a descriptor's file (bytes 0..8191) without recording it in the
+// handle: shared (read) or exclusive. 0 or -1.
+int lock_file(int fd, bool exclusive);
+
 // ---------------------------------------------------------------------------
 // Handles, registry, shared memory, mutexes
 // ---------------------------------------------------------------------------

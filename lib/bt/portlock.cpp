@@ -7,7 +7,10 @@
 //    user may only read and still keeps writers of other processes out;
 //  - it belongs to the handle's own open file, so a second private open of
 //    the database in the same process is refused as well, and closing some
-//    other descriptor of the file does not drop it.
+//    other descriptor of the file does not drop it;
+//  - every opener takes it: shared-mode users share it, so a private opener
+//    elsewhere is kept out, and a shared opener is kept out while a private
+//    user holds it.
 #include <cerrno>
 #include <fcntl.h>
 
@@ -32,6 +35,15 @@ int set_lock(int fd, short type) {
 }
 
 }  // namespace
+
+namespace varlo {
+
+// The file lock of a handle that does not record it in BDB_F_LOCKED: shared
+// users take it shared, a private thread group (whose bdb_lock is its mutex)
+// takes it like a private handle. It goes with the descriptor's last close.
+int lock_file(int fd, bool exclusive) { return set_lock(fd, exclusive ? F_WRLCK : F_RDLCK); }
+
+}  // namespace varlo
 
 extern "C" int btree_lockf(bdb_handle *h, int op, int kind) {
     (void)kind;
