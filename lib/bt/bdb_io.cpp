@@ -324,6 +324,7 @@ extern "C" bdb_page *bdb_get_dpage(bdb_handle *h, uint32_t pg, int flags) {
         clear_first_word(buf);
         char ctx[64];
         std::snprintf(ctx, sizeof ctx, "damaged tree page %u", pg);
+        errno = 0;  // not a system failure: report no stale errno
         fail(h, BDB_E_DBTYPE, ctx);
         return nullptr;
     }
