@@ -984,6 +984,46 @@ int grow_root(bdb_handle *h, bdb_entry *promote) {
     return commit(h, np, pg) ? 0 : -1;
 }
 
+// State bits of a shared area: a change is under way (set while the database
+// mutex is held for it), and the tree was found damaged after a process died
+// during a change. The journal of a change lives in its process: when that
+// process dies with the mutex held, the other users go on with whatever the
+// change had done to the shared cache. The next change finds the mark, checks
+// the tree, and refuses every later change if it is damaged.
+constexpr uint32_t kStateChanging = 0x40;
+constexpr uint32_t kStateDamaged = 0x80;
+
+class ChangeMark {
+public:
+    explicit ChangeMark(bdb_handle *h) : h_(h), on_(h->flags & BDB_F_AREA) {
+        if (on_) *h_->state_ref |= kStateChanging;
+    }
+    ~ChangeMark() {
+        if (on_) *h_->state_ref &= ~kStateChanging;
+    }
+    ChangeMark(const ChangeMark &) = delete;
+    ChangeMark &operator=(const ChangeMark &) = delete;
+
+private:
+    bdb_handle *h_;
+    bool on_;
+};
+
+bool change_may_start(bdb_handle *h) {
+    if (!(h->flags & BDB_F_AREA)) return true;
+    uint32_t &state = *h->state_ref;
+    if (state & kStateChanging) {
+        // The mutex is ours, so whoever set the mark died during its change.
+        state &= ~kStateChanging;
+        if (bdb_check(h) != 0) state |= kStateDamaged;
+    }
+    if (state & kStateDamaged) {
+        fail(h, BDB_E_DBTYPE, "a process died during a change and left the tree damaged");
+        return false;
+    }
+    return true;
+}
+
 bool is_change(int op) {
     return op == OP_PUT || op == OP_REPLACE || op == OP_UPDATE || op == OP_DELETE || op == OP_REMOVE;
 }
@@ -1031,11 +1071,13 @@ extern "C" int bdb_search(bdb_handle *h, bdb_datum *key, bdb_datum *data, int op
         }
     }
 
+    if (!change_may_start(h)) return -1;
     Journal journal(h);
     if (!journal.ok()) {
         h->error = BDB_E_NOMEM;
         return -1;
     }
+    ChangeMark mark(h);
     const int op_in = op;
     if (op == OP_REMOVE) {
         data->ptr = nullptr;
