@@ -50,7 +50,8 @@ test-asan:
 	  ctest --output-on-failure -j$(JOBS)
 
 test-tsan:
-	cmake -S . -B $(TSAN) $(CMAKE_FLAGS) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVARLO_SANITIZE=thread >/dev/null
+	cmake -S . -B $(TSAN) $(CMAKE_FLAGS) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVARLO_SANITIZE=thread \
+	  -DVARLO_EXTRAS=OFF -DVARLO_TEST_FILTER='thread|shared' >/dev/null
 	cmake --build $(TSAN) -j$(JOBS)
 	cd $(TSAN) && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j$(JOBS) -L threads
 
