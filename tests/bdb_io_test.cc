@@ -296,6 +296,85 @@ TEST_F(Io, IndexedAndScannedCachesPickTheSameVictims) {
     ::close(fd);
 }
 
+// The lookup rule itself, record by record: the victim is the record with
+// the greatest age (lookups since its last use or drop), the lowest index
+// among equals.
+struct CacheModel {
+    struct Rec {
+        uint32_t pgno = 0;
+        int32_t age = 0;
+        bool dirty = false;
+    };
+    std::vector<Rec> r;
+    uint32_t hits = 0, misses = 0, writes = 0;
+    explicit CacheModel(size_t n) : r(n) {}
+    uint32_t lookup(uint32_t pg) {
+        uint32_t victim = 0, hit = UINT32_MAX;
+        int32_t oldest = r[0].age;
+        for (uint32_t i = 0; i < r.size(); ++i) {
+            if (r[i].pgno == pg) {
+                r[i].age = 0;
+                ++hits;
+                hit = i;
+                continue;
+            }
+            if (r[i].age > oldest) {
+                victim = i;
+                oldest = r[i].age;
+            }
+            ++r[i].age;
+        }
+        if (hit != UINT32_MAX) return hit;
+        if (r[victim].dirty) ++writes;
+        r[victim] = Rec{pg, 0, false};
+        ++misses;
+        return victim;
+    }
+    Rec *find(uint32_t pg) {
+        for (auto &x : r)
+            if (x.pgno == pg) return &x;
+        return nullptr;
+    }
+};
+
+// A large private cache, with page numbers that share hash buckets.
+TEST_F(Io, LargeCacheFollowsTheAgeRule) {
+    path_ = dir_.file("db");
+    h_ = vt::create_open(path_, 40 * 8192, vt::recording_handler);
+    ASSERT_NE(h_, nullptr);
+    ASSERT_EQ(h_->ncache, 40u);
+    std::memset(h_->stats, 0, sizeof(bdb_stats));
+    CacheModel m(40);
+    const uint32_t seed = 777;
+    std::mt19937 rng(seed);
+    for (int step = 0; step < 30000; ++step) {
+        // 64 pages in a few buckets' reach: 1 + k * 128 + small.
+        const uint32_t pg = 1 + (rng() % 16) * 128 + rng() % 4;
+        const uint32_t op = rng() % 10;
+        if (op < 6) {
+            void *buf = bdb_cache_pg(h_, pg);
+            ASSERT_NE(buf, nullptr);
+            ASSERT_EQ(record_of(h_, buf), m.lookup(pg)) << "seed " << seed << " step " << step << " page " << pg;
+        } else if (op < 8) {
+            CacheModel::Rec *x = m.find(pg);
+            if (x) x->dirty = true;
+            ASSERT_EQ(bdb_cache_dirty(h_, pg), x ? 0 : -1) << "seed " << seed << " step " << step;
+        } else {
+            if (CacheModel::Rec *x = m.find(pg)) *x = CacheModel::Rec{};
+            ASSERT_EQ(bdb_inval_cache_pg(h_, pg), 0);
+        }
+        for (uint32_t i = 0; i < 40; ++i) {
+            ASSERT_EQ(h_->cache[i].pgno, m.r[i].pgno) << "seed " << seed << " step " << step << " record " << i;
+            ASSERT_EQ((h_->cache[i].flags & BDB_CACHE_DIRTY) != 0, m.r[i].dirty)
+                << "seed " << seed << " step " << step << " record " << i;
+        }
+        ASSERT_EQ(h_->stats->cache_hits, m.hits) << "seed " << seed << " step " << step;
+        ASSERT_EQ(h_->stats->cache_misses, m.misses) << "seed " << seed << " step " << step;
+        ASSERT_EQ(h_->stats->page_writes, m.writes) << "seed " << seed << " step " << step;
+    }
+    EXPECT_GT(m.writes, 100u);
+}
+
 // ---------------------------------------------------------------------------
 // Transfers
 // ---------------------------------------------------------------------------

@@ -757,8 +757,8 @@ TEST(Entries, DefaultComparison) {
 TEST(Entries, OverlappingCopies) {
     for (int shift : {-5, -1, 1, 3, 17}) {
         SCOPED_TRACE(shift);
-        std::vector<uint8_t> a(64), b;
-        for (int i = 0; i < 64; ++i) a[i] = static_cast<uint8_t>(i + 1);
+        std::vector<uint8_t> a(80), b;
+        for (int i = 0; i < 80; ++i) a[i] = static_cast<uint8_t>(i + 1);
         b = a;
         uint8_t *src = a.data() + 20;
         bdbcpy(src, src + shift, 30);
