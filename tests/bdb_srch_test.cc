@@ -575,8 +575,9 @@ TEST(Replace, InnerKeyKeepsItsRightSubtree) {
 
 TEST(Search, OperationCodesWithoutAnOperationFindNothing) {
     Fixture f(leaf({{"a", "A"}}));
+    const std::string a = "a";
     for (int op : {5, 6, 7, 11, 99}) {
-        bdb_datum kd = vt::datum("a"), vd{};
+        bdb_datum kd = vt::datum(a), vd{};
         EXPECT_EQ(bdb_search(f.h, &kd, &vd, op), -1) << op;
         EXPECT_EQ(bdb_error(f.h), BDB_E_NOTFOUND);
     }

@@ -36,7 +36,10 @@ private:
     std::string path_;
 };
 
+// A datum over a string that must outlive it (never a temporary).
+// A datum over a string that outlives it; temporaries are refused at compile time.
 inline bdb_datum datum(const std::string &s) { return bdb_datum{const_cast<char *>(s.data()), static_cast<uint32_t>(s.size())}; }
+bdb_datum datum(std::string &&) = delete;
 
 inline int put(bdb_handle *h, const std::string &k, const std::string &v) {
     bdb_datum kd = datum(k), vd = datum(v);
