@@ -2,6 +2,7 @@
 # again under AddressSanitizer + UndefinedBehaviorSanitizer, and the thread
 # tests under ThreadSanitizer), `make bench`, `make soak`.
 SHELL := /bin/bash
+MAKEFLAGS += --no-print-directory
 JOBS ?= 2
 BUILD := build
 ASAN := build-asan
