@@ -15,22 +15,30 @@ using namespace varlo;
 namespace varlo {
 
 MutexHold::MutexHold(bdb_handle *h) : h_(h) {
-    if (h_->wait) {
-        status_ = h_->wait(h_, BDB_MUTEX_OP);
-        if (status_ < 0)
-            bdb_errlog(h_, "Failed to lock mutex");
-        else
-            held_ = true;
-    }
+    status_ = take_mutex(h_);
+    held_ = status_ == 0 && h_->wait;
 }
 
 int MutexHold::release() {
     if (!held_) return 0;
     held_ = false;
-    if (!h_->release) return 0;
-    int r = h_->release(h_, BDB_MUTEX_OP);
-    if (r < 0) bdb_errlog(h_, "Failed to unlock mutex");
-    return r < 0 ? r : 0;
+    return give_mutex(h_);
+}
+
+int take_mutex(bdb_handle *h) {
+    if (!h->wait) return 0;
+    int r = h->wait(h, BDB_MUTEX_OP);
+    if (r >= 0) return 0;
+    bdb_errlog(h, "Failed to lock mutex");
+    return r;
+}
+
+int give_mutex(bdb_handle *h) {
+    if (!h->release) return 0;
+    int r = h->release(h, BDB_MUTEX_OP);
+    if (r >= 0) return 0;
+    bdb_errlog(h, "Failed to unlock mutex");
+    return r;
 }
 
 }  // namespace varlo
@@ -324,13 +332,7 @@ static int release_and_free(bdb_handle *h) {
     std::strncpy(name, h->name, sizeof name - 1);
     name[sizeof name - 1] = 0;
     bdb_errhandler_fn fn = h->errhandler;
-    if (h->release) {
-        int r = h->release(h, BDB_MUTEX_OP);
-        if (r < 0) {
-            bdb_errlog(h, "Failed to unlock mutex");
-            return r;
-        }
-    }
+    if (int r = give_mutex(h); r < 0) return r;
     if (bdb_lock_smutex(name, fn, &h->error) < 0) return -1;
     int rc = bdb_dealloc_handle(h);
     uint32_t scratch;
@@ -343,24 +345,12 @@ int bdb_close(bdb_handle *h) {
         errno = EINVAL;
         return -1;
     }
-    if (h->wait) {
-        int r = h->wait(h, BDB_MUTEX_OP);
-        if (r < 0) {
-            bdb_errlog(h, "Failed to lock mutex");
-            return r;
-        }
-    }
+    if (int r = take_mutex(h); r < 0) return r;
     if (!(h->flags & BDB_F_RDONLY)) {
         int r = bdb_sync(h);
         if (r < 0) {
-            if (h->release) {
-                int r2 = h->release(h, BDB_MUTEX_OP);
-                if (r2 < 0) {
-                    bdb_errlog(h, "Failed to unlock mutex");
-                    return r2;
-                }
-            }
-            return r;
+            int r2 = give_mutex(h);
+            return r2 < 0 ? r2 : r;
         }
     }
     if (!h->wait) return bdb_dealloc_handle(h);
@@ -372,23 +362,11 @@ int bdb_destroy(bdb_handle *h) {
         errno = EINVAL;
         return -1;
     }
-    if (h->wait) {
-        int r = h->wait(h, BDB_MUTEX_OP);
-        if (r < 0) {
-            bdb_errlog(h, "Failed to lock mutex");
-            return r;
-        }
-    }
+    if (int r = take_mutex(h); r < 0) return r;
     if (h->meta->mode == BDB_SHARED) {
         h->error = BDB_E_SHARE;
-        if (h->release) {
-            int r = h->release(h, BDB_MUTEX_OP);
-            if (r < 0) {
-                bdb_errlog(h, "Failed to unlock mutex");
-                return r;
-            }
-        }
-        return -1;
+        int r = give_mutex(h);
+        return r < 0 ? r : -1;
     }
     h->flags |= BDB_F_DESTROY;
     if (!h->wait) return bdb_dealloc_handle(h);
@@ -465,26 +443,8 @@ int bdb_lock(bdb_handle *h, int op, int kind) {
         return -1;
     }
     if (h->flags & (BDB_F_AREA | BDB_F_FILE_SHARED)) {
-        if (op == BDB_LOCK) {
-            if (h->wait) {
-                int r = h->wait(h, BDB_MUTEX_OP);
-                if (r < 0) {
-                    bdb_errlog(h, "Failed to lock mutex");
-                    return r;
-                }
-            }
-            return 0;
-        }
-        if (op == BDB_UNLOCK) {
-            if (h->release) {
-                int r = h->release(h, BDB_MUTEX_OP);
-                if (r < 0) {
-                    bdb_errlog(h, "Failed to unlock mutex");
-                    return r;
-                }
-            }
-            return 0;
-        }
+        if (op == BDB_LOCK) return take_mutex(h);
+        if (op == BDB_UNLOCK) return give_mutex(h);
         fail(h, BDB_E_PARAM, "Invalid lock operation");
         return -1;
     }

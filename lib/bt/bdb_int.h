@@ -148,6 +148,12 @@ void fail(bdb_handle *h, uint32_t code, const char *context);
 // Calls a handler directly (no handle exists): the seven-argument report.
 void report_nohandle(bdb_errhandler_fn fn, const char *path, uint32_t code, const char *context);
 
+// Take / give the database mutex through the handle's slots (nothing to do
+// without slots): 0, or the slot's negative result, reported as "Failed to
+// lock mutex" / "Failed to unlock mutex".
+int take_mutex(bdb_handle *h);
+int give_mutex(bdb_handle *h);
+
 // Holds the database mutex of a handle for a scope, reporting "Failed to
 // lock mutex" / "Failed to unlock mutex" as every exported call does.
 class MutexHold {
