@@ -148,6 +148,8 @@ int bdb_create(const char *path, int mode, uint32_t *err) {
         *err = h->error;
         return failed();
     }
+    // The words at offsets 4, 12 and 16 are written as 1, 1 and 0 and never
+    // read back: they carry no meaning.
     bdb_meta *m = h->meta;
     std::memset(m, 0, kPageSize);
     bits_setb(m->pgmap, 0);

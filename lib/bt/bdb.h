@@ -188,7 +188,9 @@ typedef void (*bdb_errhandler_fn)(bdb_handle *h, const char *name, const char *s
  */
 typedef int (*bdb_compare_fn)(const bdb_datum *a, const bdb_datum *b);
 
-/* Function slots of a handle. */
+/* Function slots of a handle. The operation argument of wait and release is
+ * always BDB_MUTEX_OP and has no effect; it stays in the signature so that
+ * slots keep one documented form. */
 typedef int (*bdb_attach_fn)(bdb_handle *h);
 typedef int (*bdb_wait_fn)(bdb_handle *h, int op);
 typedef int (*bdb_release_fn)(bdb_handle *h, int op);

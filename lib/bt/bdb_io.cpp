@@ -422,7 +422,8 @@ extern "C" int bdb_force_cache(bdb_handle *h) {
 // ---------------------------------------------------------------------------
 // Page transfers. Positional reads and writes: one system call per transfer,
 // no seek (so the "db lseek" failure of a seek-based transfer cannot occur),
-// retried after EINTR and continued after short transfers.
+// retried after EINTR and continued after short transfers. A transfer that
+// fails leaves BDB_E_WRITE or BDB_E_READ in the handle.
 // ---------------------------------------------------------------------------
 
 extern "C" int bdb_write_dpage(bdb_handle *h, uint32_t pg, const void *src, uint32_t n) {

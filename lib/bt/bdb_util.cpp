@@ -254,6 +254,8 @@ extern "C" int bdb_insdatum(bdb_handle *h, bdb_page *page, int32_t pos, bdb_entr
     }
     bdb_slot &sl = page->slots[pos + 1];
     sl.childpg = e->childpg;
+    // The slot keeps the entry's whole flags word, the engine's working bits
+    // included; every reader looks at bit 0 (BDB_DPAGES) only.
     sl.flags = flags;
     sl.keylen = e->keylen;
     sl.datalen = e->datalen;
