@@ -193,4 +193,32 @@ TEST_F(Io, BackoutOfATreePageAndOfTheMetaPage) {
     EXPECT_EQ(std::filesystem::file_size(path_), 7u * 8192) << "cut to the restored map";
 }
 
+// Transfers go on after EINTR and short counts, in one call per piece.
+struct Choppy {
+    static inline int calls = 0;
+    static ssize_t pwrite(int fd, const void *b, size_t n, off_t off) {
+        if (++calls % 2) return errno = EINTR, -1;
+        return ::pwrite(fd, b, n > 1000 ? 1000 : n, off);
+    }
+    static ssize_t pread(int fd, void *b, size_t n, off_t off) {
+        if (++calls % 2) return errno = EINTR, -1;
+        return ::pread(fd, b, n > 1000 ? 1000 : n, off);
+    }
+};
+
+TEST_F(Io, TransfersContinueAfterInterruptionsAndShortCounts) {
+    open_with_pages(0);
+    std::vector<uint8_t> out(10000), in(10000);
+    for (size_t i = 0; i < out.size(); ++i) out[i] = static_cast<uint8_t>(i * 7);
+    varlo::sysio.pwrite = Choppy::pwrite;
+    varlo::sysio.pread = Choppy::pread;
+    EXPECT_EQ(bdb_write_dpage(h_, 7, out.data(), 10000), 0);
+    EXPECT_EQ(bdb_read_dpage(h_, 7, in.data(), 10000), 0);
+    varlo::sysio_reset();
+    EXPECT_EQ(in, out);
+    const std::vector<uint8_t> p7 = read_page(path_, 7), p8 = read_page(path_, 8);  // bytes 57344..67343
+    EXPECT_TRUE(std::equal(out.begin(), out.begin() + 8192, p7.begin()));
+    EXPECT_TRUE(std::equal(out.begin() + 8192, out.end(), p8.begin()));
+}
+
 }  // namespace
