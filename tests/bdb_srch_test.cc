@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <map>
 #include <memory>
-#include <sys/stat.h>
 
 #include "test_util.h"
 
@@ -234,25 +233,6 @@ TEST(Split, NewEntryTooLargeForTheCutPageIsCutAtItself) {
     ASSERT_EQ(r->nslots, 1u);
     EXPECT_EQ(key_of(r, 0), key);
     f.verify();
-}
-
-TEST(Split, RootGrowsAndCollapses) {
-    Fixture f;
-    std::vector<std::string> keys;
-    for (int i = 0; f.h->stats->max_depth < 3 || i < 2000; ++i) {
-        char k[16];
-        std::snprintf(k, sizeof k, "r%06d", i * 7919 % 100003);
-        f.put(k, std::string(150, 'x'));
-        keys.push_back(k);
-    }
-    f.verify();
-    for (auto &k : keys) f.del(k);
-    EXPECT_EQ(f.h->meta->root, 0u);
-    f.verify();
-    ASSERT_EQ(bdb_sync(f.h), 0);
-    struct stat st;
-    ASSERT_EQ(stat(f.dir.file("t.db").c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, 8192);
 }
 
 TEST(Delete, RedistributesFromEitherNeighbour) {

@@ -36,42 +36,34 @@ private:
     std::string path_;
 };
 
-// A datum over a string that must outlive it (never a temporary).
 // A datum over a string that outlives it; temporaries are refused at compile time.
 inline bdb_datum datum(const std::string &s) { return bdb_datum{const_cast<char *>(s.data()), static_cast<uint32_t>(s.size())}; }
 bdb_datum datum(std::string &&) = delete;
 
-inline int put(bdb_handle *h, const std::string &k, const std::string &v) {
+// put / replace / update of string records.
+inline int store(int (*fn)(bdb_handle *, bdb_datum *, bdb_datum *), bdb_handle *h, const std::string &k,
+                 const std::string &v) {
     bdb_datum kd = datum(k), vd = datum(v);
-    return bdb_put(h, &kd, &vd);
+    return fn(h, &kd, &vd);
 }
-inline int replace(bdb_handle *h, const std::string &k, const std::string &v) {
-    bdb_datum kd = datum(k), vd = datum(v);
-    return bdb_replace(h, &kd, &vd);
-}
-inline int update(bdb_handle *h, const std::string &k, const std::string &v) {
-    bdb_datum kd = datum(k), vd = datum(v);
-    return bdb_update(h, &kd, &vd);
-}
+inline int put(bdb_handle *h, const std::string &k, const std::string &v) { return store(bdb_put, h, k, v); }
+inline int replace(bdb_handle *h, const std::string &k, const std::string &v) { return store(bdb_replace, h, k, v); }
+inline int update(bdb_handle *h, const std::string &k, const std::string &v) { return store(bdb_update, h, k, v); }
 inline int del(bdb_handle *h, const std::string &k) {
     bdb_datum kd = datum(k);
     return bdb_delete(h, &kd);
 }
-// The value of k, or nullopt-like: returns false when absent.
-inline bool get(bdb_handle *h, const std::string &k, std::string *out) {
+// get / remove: false when the call fails; the value goes to out (if given).
+inline bool fetch(int (*fn)(bdb_handle *, bdb_datum *, bdb_datum *), bdb_handle *h, const std::string &k,
+                  std::string *out) {
     bdb_datum kd = datum(k), vd{};
-    if (bdb_get(h, &kd, &vd) < 0) return false;
+    if (fn(h, &kd, &vd) < 0) return false;
     if (out) out->assign(static_cast<char *>(vd.ptr) ? static_cast<char *>(vd.ptr) : "", vd.len);
     std::free(vd.ptr);
     return true;
 }
-inline bool remove(bdb_handle *h, const std::string &k, std::string *out) {
-    bdb_datum kd = datum(k), vd{};
-    if (bdb_remove(h, &kd, &vd) < 0) return false;
-    if (out) out->assign(static_cast<char *>(vd.ptr) ? static_cast<char *>(vd.ptr) : "", vd.len);
-    std::free(vd.ptr);
-    return true;
-}
+inline bool get(bdb_handle *h, const std::string &k, std::string *out) { return fetch(bdb_get, h, k, out); }
+inline bool remove(bdb_handle *h, const std::string &k, std::string *out) { return fetch(bdb_remove, h, k, out); }
 
 // Every record in key order through bdb_first / bdb_next.
 inline std::vector<std::pair<std::string, std::string>> walk(bdb_handle *h) {
