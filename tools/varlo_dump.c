@@ -28,30 +28,11 @@
 #include <unistd.h>
 
 #include "bdb.h"
+#include "tool_common.h"
 
-static const char *prog = "varlo_dump";
+const char *tool_prog = "varlo_dump";
 
-static void usage(void) {
-    fprintf(stderr, "usage: %s [-V] [-s] [-f FILE] DB\n"
-                    "  -V       print the library version and exit\n"
-                    "  -s       open in shared mode (default: private)\n"
-                    "  -f FILE  write the dump to FILE (default: standard output)\n",
-            prog);
-    exit(1);
-}
-
-static void report(const char *call, uint32_t code) {
-    fprintf(stderr, "%s failed: 0x%08x %s\n", call, (unsigned)code, bdbstrerr(code));
-}
-
-static void print_report(bdb_handle *h, const char *name, const char *syserr, int sys_errno, const char *message,
-                         uint32_t code, const char *context) {
-    (void)h;
-    (void)code;
-    fprintf(stderr, "%s: %s: %s", name ? name : prog, context ? context : "", message ? message : "");
-    if (sys_errno) fprintf(stderr, " (%s)", syserr ? syserr : "");
-    fputc('\n', stderr);
-}
+static void usage(void) { tool_usage("[-f FILE] DB", "  -f FILE  write the dump to FILE (default: standard output)\n"); }
 
 static char *hex(char *out, const unsigned char *p, uint32_t n) {
     static const char digits[] = "0123456789abcdef";
@@ -86,14 +67,12 @@ static int write_record(FILE *out, const bdb_datum *key, const bdb_datum *val, c
 int main(int argc, char **argv) {
     int mode = BDB_PRIVATE;
     int c, r, rc = 0, locked = 0;
-    uint32_t err = 0;
     unsigned long long count = 0;
     const char *outpath = NULL;
     char kbuf[BDB_MAXKEY + 1];
     char *line = NULL;
     size_t cap = 0;
     bdb_datum key, val;
-    bdb_options opts;
     bdb_handle *h;
     FILE *out = stdout;
 
@@ -114,16 +93,13 @@ int main(int argc, char **argv) {
     }
     if (argc - optind != 1) usage();
 
-    memset(&opts, 0, sizeof opts);
-    opts.errhandler = print_report;
-    h = bdb_open(argv[optind], 0, BDB_RDONLY, mode, &opts, 0, &err);
+    h = tool_open(argv[optind], BDB_RDONLY, mode);
     if (!h) {
-        report("bdb_open", err);
         return 1;
     }
     if (mode == BDB_SHARED) {
         if (bdb_lock(h, BDB_LOCK, 0) < 0) {
-            report("bdb_lock", bdb_error(h));
+            tool_fail("bdb_lock", bdb_error(h));
             bdb_close(h);
             return 1;
         }
@@ -153,7 +129,7 @@ int main(int argc, char **argv) {
         fprintf(stderr, "write %s failed: %s\n", outpath ? outpath : "standard output", strerror(errno));
         rc = 1;
     } else if (bdb_error(h) != BDB_E_EOF && bdb_error(h) != BDB_E_EMPTY) {
-        report(count ? "bdb_next" : "bdb_first", bdb_error(h));
+        tool_fail(count ? "bdb_next" : "bdb_first", bdb_error(h));
         rc = 1;
     } else if (fprintf(out, "records=%llu\n", count) < 0 || fflush(out) != 0) {
         fprintf(stderr, "write %s failed: %s\n", outpath ? outpath : "standard output", strerror(errno));
@@ -169,11 +145,11 @@ int main(int argc, char **argv) {
         if (rc) remove(outpath);
     }
     if (locked && bdb_lock(h, BDB_UNLOCK, 0) < 0) {
-        report("bdb_lock", bdb_error(h));
+        tool_fail("bdb_lock", bdb_error(h));
         rc = 1;
     }
     if (bdb_close(h) < 0) {
-        report("bdb_close", bdb_error(h));
+        tool_fail("bdb_close", bdb_error(h));
         rc = 1;
     }
     return rc;

@@ -33,31 +33,11 @@
 #include <unistd.h>
 
 #include "bdb.h"
+#include "tool_common.h"
 
-static const char *prog = "varlo_load";
+const char *tool_prog = "varlo_load";
 
-static void usage(void) {
-    fprintf(stderr, "usage: %s [-V] [-s] [-n] [-f FILE] DB\n"
-                    "  -V       print the library version and exit\n"
-                    "  -s       open in shared mode (default: private)\n"
-                    "  -n       refuse to load into an existing database\n"
-                    "  -f FILE  read the dump from FILE (default: standard input)\n",
-            prog);
-    exit(1);
-}
-
-static void report(const char *call, uint32_t code) {
-    fprintf(stderr, "%s failed: 0x%08x %s\n", call, (unsigned)code, bdbstrerr(code));
-}
-
-static void print_report(bdb_handle *h, const char *name, const char *syserr, int sys_errno, const char *message,
-                         uint32_t code, const char *context) {
-    (void)h;
-    (void)code;
-    fprintf(stderr, "%s: %s: %s", name ? name : prog, context ? context : "", message ? message : "");
-    if (sys_errno) fprintf(stderr, " (%s)", syserr ? syserr : "");
-    fputc('\n', stderr);
-}
+static void usage(void) { tool_usage("[-n] [-f FILE] DB", "  -n       refuse to load into an existing database\n  -f FILE  read the dump from FILE (default: standard input)\n"); }
 
 /* The value of a hex digit, or -1. */
 static int digit(char c) {
@@ -201,7 +181,7 @@ static int scan(struct reader *r, bdb_handle *h, unsigned long long *count) {
             val.len = (uint32_t)(vlen / 2);
             if (bdb_replace(h, &key, &val) < 0) {
                 fprintf(stderr, "%s:%lu: ", r->src, r->lineno);
-                report("bdb_replace", bdb_error(h));
+                tool_fail("bdb_replace", bdb_error(h));
                 return -2;
             }
         }
@@ -225,14 +205,12 @@ static int scan(struct reader *r, bdb_handle *h, unsigned long long *count) {
 int main(int argc, char **argv) {
     int mode = BDB_PRIVATE, no_existing = 0, created = 0;
     int c, st, rc = 0;
-    uint32_t err = 0;
     unsigned long long count = 0;
     const char *inpath = NULL, *db;
     struct reader rd;
     struct stat sb;
     off_t start = 0;
     FILE *in = stdin, *copy = NULL;
-    bdb_options opts;
     bdb_handle *h;
 
     while ((c = getopt(argc, argv, "Vsnf:")) != -1) {
@@ -275,7 +253,7 @@ int main(int argc, char **argv) {
     rd.copy = copy;
     rd.src = inpath ? inpath : "standard input";
     if (scan(&rd, NULL, &count) < 0) {
-        fprintf(stderr, "%s: dump refused, nothing loaded\n", prog);
+        fprintf(stderr, "%s: dump refused, nothing loaded\n", tool_prog);
         rc = 1;
         goto done;
     }
@@ -295,25 +273,23 @@ int main(int argc, char **argv) {
     rd.lineno = 0;
 
     /* Second pass: store. */
+    uint32_t err = 0;
     if (bdb_create(db, mode, &err) == 0) {
         created = 1;
     } else if (err != BDB_E_EXISTS || no_existing) {
-        report("bdb_create", err);
+        tool_fail("bdb_create", err);
         rc = 1;
         goto done;
     }
-    memset(&opts, 0, sizeof opts);
-    opts.errhandler = print_report;
-    h = bdb_open(db, 0, BDB_RDWR, mode, &opts, 0, &err);
+    h = tool_open(db, BDB_RDWR, mode);
     if (!h) {
-        report("bdb_open", err);
         if (created) remove(db);
         rc = 1;
         goto done;
     }
     st = scan(&rd, h, &count);
     if (st == 0 && bdb_sync(h) < 0) {
-        report("bdb_sync", bdb_error(h));
+        tool_fail("bdb_sync", bdb_error(h));
         st = -2;
     }
     if (st != 0) {
@@ -324,11 +300,11 @@ int main(int argc, char **argv) {
             if (h && bdb_close(h) == 0) h = NULL;
             remove(db);
         } else {
-            fprintf(stderr, "%s: %s keeps the records stored before the failure\n", prog, db);
+            fprintf(stderr, "%s: %s keeps the records stored before the failure\n", tool_prog, db);
         }
     }
     if (h && bdb_close(h) < 0) {
-        report("bdb_close", bdb_error(h));
+        tool_fail("bdb_close", bdb_error(h));
         rc = 1;
     }
 done:

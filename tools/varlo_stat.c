@@ -19,30 +19,11 @@
 #include <unistd.h>
 
 #include "bdb.h"
+#include "tool_common.h"
 
-static const char *prog = "varlo_stat";
+const char *tool_prog = "varlo_stat";
 
-static void usage(void) {
-    fprintf(stderr, "usage: %s [-V] [-s] DB\n"
-                    "  -V  print the library version and exit\n"
-                    "  -s  open in shared mode (default: private)\n",
-            prog);
-    exit(1);
-}
-
-static void report(const char *call, uint32_t code) {
-    fprintf(stderr, "%s failed: 0x%08x %s\n", call, (unsigned)code, bdbstrerr(code));
-}
-
-/* Prints the library's own reports (the failing step and its page). */
-static void print_report(bdb_handle *h, const char *name, const char *syserr, int sys_errno, const char *message,
-                         uint32_t code, const char *context) {
-    (void)h;
-    (void)code;
-    fprintf(stderr, "%s: %s: %s", name ? name : prog, context ? context : "", message ? message : "");
-    if (sys_errno) fprintf(stderr, " (%s)", syserr ? syserr : "");
-    fputc('\n', stderr);
-}
+static void usage(void) { tool_usage("DB", ""); }
 
 /* Totals of the walk (the visit function has no argument of its own). */
 static uint32_t tree_pages;
@@ -78,10 +59,9 @@ static uint32_t popcount32(uint32_t w) {
 int main(int argc, char **argv) {
     int mode = BDB_PRIVATE;
     int c, rc = 0, locked = 0;
-    uint32_t err = 0, in_use = 0, w, root;
+    uint32_t in_use = 0, w, root;
     const char *path;
     struct stat st;
-    bdb_options opts;
     bdb_handle *h;
     const bdb_stats *s;
 
@@ -100,11 +80,8 @@ int main(int argc, char **argv) {
     if (argc - optind != 1) usage();
     path = argv[optind];
 
-    memset(&opts, 0, sizeof opts);
-    opts.errhandler = print_report;
-    h = bdb_open(path, 0, BDB_RDONLY, mode, &opts, 0, &err);
+    h = tool_open(path, BDB_RDONLY, mode);
     if (!h) {
-        report("bdb_open", err);
         return 1;
     }
     if (stat(path, &st) != 0) {
@@ -117,7 +94,7 @@ int main(int argc, char **argv) {
      * writers out with its file lock. */
     if (mode == BDB_SHARED) {
         if (bdb_lock(h, BDB_LOCK, 0) < 0) {
-            report("bdb_lock", bdb_error(h));
+            tool_fail("bdb_lock", bdb_error(h));
             bdb_close(h);
             return 1;
         }
@@ -127,7 +104,7 @@ int main(int argc, char **argv) {
     root = h->meta->root;
     for (w = 0; w < BDB_MAPWORDS; ++w) in_use += popcount32(h->meta->pgmap[w]);
     if (bdb_parse_tree(h, root, count_page, 0, 0) < 0) {
-        report("bdb_parse_tree", bdb_error(h));
+        tool_fail("bdb_parse_tree", bdb_error(h));
         rc = 1;
     } else {
         s = h->stats;
@@ -160,11 +137,11 @@ int main(int argc, char **argv) {
     }
 
     if (locked && bdb_lock(h, BDB_UNLOCK, 0) < 0) {
-        report("bdb_lock", bdb_error(h));
+        tool_fail("bdb_lock", bdb_error(h));
         rc = 1;
     }
     if (bdb_close(h) < 0) {
-        report("bdb_close", bdb_error(h));
+        tool_fail("bdb_close", bdb_error(h));
         rc = 1;
     }
     if (fflush(stdout) != 0 || ferror(stdout)) {

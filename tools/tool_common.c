@@ -1,0 +1,36 @@
+/* What the command-line tools share. */
+#include "tool_common.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+
+void tool_usage(const char *args, const char *options) {
+    fprintf(stderr,
+            "usage: %s [-V] [-s] %s\n"
+            "  -V       print the library version and exit\n"
+            "  -s       open in shared mode (default: private)\n"
+            "%s",
+            tool_prog, args, options);
+    exit(1);
+}
+
+void tool_fail(const char *call, uint32_t code) {
+    fprintf(stderr, "%s failed: 0x%08x %s\n", call, (unsigned)code, bdbstrerr(code));
+}
+
+void tool_print_report(bdb_handle *h, const char *name, const char *syserr, int sys_errno, const char *message,
+                       uint32_t code, const char *context) {
+    (void)h;
+    (void)code;
+    fprintf(stderr, "%s: %s: %s", name ? name : tool_prog, context ? context : "", message ? message : "");
+    if (sys_errno) fprintf(stderr, " (%s)", syserr ? syserr : "");
+    fputc('\n', stderr);
+}
+
+bdb_handle *tool_open(const char *path, int flags, int mode) {
+    bdb_options opts = {0, NULL, tool_print_report};
+    uint32_t err = 0;
+    bdb_handle *h = bdb_open(path, 0, flags, mode, &opts, 0, &err);
+    if (!h) tool_fail("bdb_open", err);
+    return h;
+}

@@ -1,0 +1,28 @@
+/*
+ * What the command-line tools share: their reports and the opening of a
+ * database. Every tool defines tool_prog, its own name.
+ */
+#ifndef VARLO_TOOL_COMMON_H
+#define VARLO_TOOL_COMMON_H
+
+#include "bdb.h"
+
+extern const char *tool_prog;
+
+/* Prints "usage: <prog> [-V] [-s] <args>", the -V and -s lines and the
+ * tool's own option lines (may be ""), and exits 1. */
+void tool_usage(const char *args, const char *options);
+
+/* Prints "<call> failed: 0x<code> <message>" on stderr. */
+void tool_fail(const char *call, uint32_t code);
+
+/* The tools' error handler: the library's own reports (the failing step and,
+ * for a damaged file, its page) on stderr. */
+void tool_print_report(bdb_handle *h, const char *name, const char *syserr, int sys_errno, const char *message,
+                       uint32_t code, const char *context);
+
+/* Opens path with the tools' error handler; on failure reports it and
+ * returns NULL. */
+bdb_handle *tool_open(const char *path, int flags, int mode);
+
+#endif
