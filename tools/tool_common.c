@@ -1,8 +1,11 @@
 /* What the command-line tools share. */
+#define _POSIX_C_SOURCE 200809L
 #include "tool_common.h"
 
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
 
 void tool_usage(const char *args, const char *options) {
     fprintf(stderr,
@@ -12,6 +15,26 @@ void tool_usage(const char *args, const char *options) {
             "%s",
             tool_prog, args, options);
     exit(1);
+}
+
+const char *tool_args(int argc, char **argv, const char *own, int (*on_option)(int c, const char *arg), int *mode,
+                      void (*usage)(void)) {
+    char opts[32] = "Vs";
+    int c;
+    if (own) strncat(opts, own, sizeof opts - 3);
+    *mode = BDB_PRIVATE;
+    while ((c = getopt(argc, argv, opts)) != -1) {
+        if (c == 'V') {
+            printf("%s\n", VARLO_VERSION_STRING);
+            exit(0);
+        }
+        if (c == 's')
+            *mode = BDB_SHARED;
+        else if (!on_option || on_option(c, optarg) != 0)
+            usage();
+    }
+    if (argc - optind != 1) usage();
+    return argv[optind];
 }
 
 void tool_fail(const char *call, uint32_t code) {

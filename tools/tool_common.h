@@ -13,6 +13,14 @@ extern const char *tool_prog;
  * tool's own option lines (may be ""), and exits 1. */
 void tool_usage(const char *args, const char *options);
 
+/* Parses the command line: -V prints the library version and exits 0, -s
+ * sets *mode to BDB_SHARED (it starts BDB_PRIVATE), the letters of `own`
+ * (getopt syntax) go to on_option (which returns 0 when it took the option).
+ * Anything else, or not exactly one argument left, calls usage. Returns the
+ * argument (the database). */
+const char *tool_args(int argc, char **argv, const char *own, int (*on_option)(int c, const char *arg), int *mode,
+                      void (*usage)(void));
+
 /* Prints "<call> failed: 0x<code> <message>" on stderr. */
 void tool_fail(const char *call, uint32_t code);
 

@@ -24,26 +24,14 @@ const char *tool_prog = "varlo_check";
 static void usage(void) { tool_usage("DB", ""); }
 
 int main(int argc, char **argv) {
-    int mode = BDB_PRIVATE;
-    int c, rc = 0;
+    int mode;
+    int rc = 0;
 
     bdb_handle *h;
 
-    while ((c = getopt(argc, argv, "Vs")) != -1) {
-        switch (c) {
-        case 'V':
-            printf("%s\n", VARLO_VERSION_STRING);
-            return 0;
-        case 's':
-            mode = BDB_SHARED;
-            break;
-        default:
-            usage();
-        }
-    }
-    if (argc - optind != 1) usage();
+    const char *arg = tool_args(argc, argv, NULL, NULL, &mode, usage);
 
-    h = tool_open(argv[optind], BDB_RDONLY, mode);
+    h = tool_open(arg, BDB_RDONLY, mode);
     if (!h) {
         return 1;
     }

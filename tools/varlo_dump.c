@@ -32,6 +32,14 @@
 
 const char *tool_prog = "varlo_dump";
 
+static const char *outpath; /* -f */
+
+static int option(int c, const char *arg) {
+    if (c != 'f') return -1;
+    outpath = arg;
+    return 0;
+}
+
 static void usage(void) { tool_usage("[-f FILE] DB", "  -f FILE  write the dump to FILE (default: standard output)\n"); }
 
 static char *hex(char *out, const unsigned char *p, uint32_t n) {
@@ -65,10 +73,9 @@ static int write_record(FILE *out, const bdb_datum *key, const bdb_datum *val, c
 }
 
 int main(int argc, char **argv) {
-    int mode = BDB_PRIVATE;
-    int c, r, rc = 0, locked = 0;
+    int mode;
+    int r, rc = 0, locked = 0;
     unsigned long long count = 0;
-    const char *outpath = NULL;
     char kbuf[BDB_MAXKEY + 1];
     char *line = NULL;
     size_t cap = 0;
@@ -76,24 +83,9 @@ int main(int argc, char **argv) {
     bdb_handle *h;
     FILE *out = stdout;
 
-    while ((c = getopt(argc, argv, "Vsf:")) != -1) {
-        switch (c) {
-        case 'V':
-            printf("%s\n", VARLO_VERSION_STRING);
-            return 0;
-        case 's':
-            mode = BDB_SHARED;
-            break;
-        case 'f':
-            outpath = optarg;
-            break;
-        default:
-            usage();
-        }
-    }
-    if (argc - optind != 1) usage();
+    const char *arg = tool_args(argc, argv, "f:", option, &mode, usage);
 
-    h = tool_open(argv[optind], BDB_RDONLY, mode);
+    h = tool_open(arg, BDB_RDONLY, mode);
     if (!h) {
         return 1;
     }

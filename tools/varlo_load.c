@@ -37,6 +37,19 @@
 
 const char *tool_prog = "varlo_load";
 
+static const char *inpath; /* -f */
+static int no_existing;    /* -n */
+
+static int option(int c, const char *arg) {
+    if (c == 'n')
+        no_existing = 1;
+    else if (c == 'f')
+        inpath = arg;
+    else
+        return -1;
+    return 0;
+}
+
 static void usage(void) { tool_usage("[-n] [-f FILE] DB", "  -n       refuse to load into an existing database\n  -f FILE  read the dump from FILE (default: standard input)\n"); }
 
 /* The value of a hex digit, or -1. */
@@ -203,36 +216,18 @@ static int scan(struct reader *r, bdb_handle *h, unsigned long long *count) {
 }
 
 int main(int argc, char **argv) {
-    int mode = BDB_PRIVATE, no_existing = 0, created = 0;
-    int c, st, rc = 0;
+    int mode, created = 0;
+    int st, rc = 0;
     unsigned long long count = 0;
-    const char *inpath = NULL, *db;
+    const char *db;
     struct reader rd;
     struct stat sb;
     off_t start = 0;
     FILE *in = stdin, *copy = NULL;
     bdb_handle *h;
 
-    while ((c = getopt(argc, argv, "Vsnf:")) != -1) {
-        switch (c) {
-        case 'V':
-            printf("%s\n", VARLO_VERSION_STRING);
-            return 0;
-        case 's':
-            mode = BDB_SHARED;
-            break;
-        case 'n':
-            no_existing = 1;
-            break;
-        case 'f':
-            inpath = optarg;
-            break;
-        default:
-            usage();
-        }
-    }
-    if (argc - optind != 1) usage();
-    db = argv[optind];
+    const char *arg = tool_args(argc, argv, "nf:", option, &mode, usage);
+    db = arg;
     memset(&rd, 0, sizeof rd);
 
     if (inpath && !(in = fopen(inpath, "r"))) {

@@ -57,28 +57,16 @@ static uint32_t popcount32(uint32_t w) {
 }
 
 int main(int argc, char **argv) {
-    int mode = BDB_PRIVATE;
-    int c, rc = 0, locked = 0;
+    int mode;
+    int rc = 0, locked = 0;
     uint32_t in_use = 0, w, root;
     const char *path;
     struct stat st;
     bdb_handle *h;
     const bdb_stats *s;
 
-    while ((c = getopt(argc, argv, "Vs")) != -1) {
-        switch (c) {
-        case 'V':
-            printf("%s\n", VARLO_VERSION_STRING);
-            return 0;
-        case 's':
-            mode = BDB_SHARED;
-            break;
-        default:
-            usage();
-        }
-    }
-    if (argc - optind != 1) usage();
-    path = argv[optind];
+    const char *arg = tool_args(argc, argv, NULL, NULL, &mode, usage);
+    path = arg;
 
     h = tool_open(path, BDB_RDONLY, mode);
     if (!h) {
