@@ -221,4 +221,15 @@ TEST_F(Io, TransfersContinueAfterInterruptionsAndShortCounts) {
     EXPECT_TRUE(std::equal(out.begin() + 8192, out.end(), p8.begin()));
 }
 
+TEST(CacheSize, PrivateCachesHoldAtLeastFourPagesRoundedUp) {
+    vt::TempDir dir;
+    ASSERT_EQ(bdb_create(dir.file("db").c_str(), BDB_PRIVATE, nullptr), 0);
+    for (auto [bytes, pages] : {std::pair{0u, 4u}, {8192u, 4u}, {32768u, 4u}, {40000u, 5u}, {1u << 20, 128u}}) {
+        bdb_handle *h = vt::open_db(dir.file("db"), bytes);
+        ASSERT_NE(h, nullptr);
+        EXPECT_EQ(h->ncache, pages) << bytes;
+        bdb_close(h);
+    }
+}
+
 }  // namespace

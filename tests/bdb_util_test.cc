@@ -171,4 +171,21 @@ TEST(Entries, DefaultComparisonAgreesWithAByteWiseReference) {
               std::tuple(0, -1, 1)) << "the same address whatever the lengths; no bytes before any";
 }
 
+TEST_F(Storage, LongValuesTakeWholeRunsFromTheThreshold) {
+    alignas(8) uint8_t bytes[BDB_PGSIZE] = {};
+    auto *pg = reinterpret_cast<bdb_page *>(bytes);
+    pg->datastart = BDB_PGSIZE;
+    // value length -> data pages (0: inline after its key)
+    const std::pair<uint32_t, uint32_t> sizes[] = {{2047, 0}, {2048, 1}, {8192, 1}, {8193, 2}, {16385, 3}};
+    for (auto [len, pages] : sizes) {
+        std::string k = "k" + std::to_string(len), v(len, 'v');
+        bdb_entry e{k.data(), static_cast<uint32_t>(k.size()), v.data(), len, 0, 0};
+        const uint32_t before = varlo::count_free_pages(h_);
+        ASSERT_EQ(bdb_insdatum(h_, pg, -1, &e), 0);
+        EXPECT_EQ(before - varlo::count_free_pages(h_), pages) << len;
+        EXPECT_EQ(bdb_key_data_size(pg, 0), k.size() + (pages ? 0 : len)) << len;
+        ASSERT_EQ(bdb_deldata(h_, pg, 0, 0), 0);
+    }
+}
+
 }  // namespace
