@@ -27,6 +27,16 @@ void expect_model(bdb_handle *h, const Model &m) {
     }
 }
 
+// Closes, reopens and checks the file, and compares it with the model.
+void reopen_and_verify(bdb_handle *h, const std::string &path, const Model &m) {
+    ASSERT_EQ(bdb_close(h), 0);
+    h = vt::open_db(path);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(bdb_check(h), 0);
+    expect_model(h, m);
+    bdb_close(h);
+}
+
 std::string key_n(uint64_t n) {
     char k[32];
     std::snprintf(k, sizeof k, "key-%08llu", static_cast<unsigned long long>(n));
@@ -109,12 +119,7 @@ TEST(Full, EveryKindOfChangeFailsWholeWhenTheFileIsFull) {
         // Give the rest back; the tree must then be whole.
         ASSERT_EQ(bdb_del_dpages(h, hog + given_back, hogged - given_back), 0);
         ASSERT_EQ(bdb_check(h), 0) << vt::last_context();
-        ASSERT_EQ(bdb_close(h), 0);
-        h = vt::open_db(dir.file("full.db"));
-        ASSERT_NE(h, nullptr);
-        ASSERT_EQ(bdb_check(h), 0);
-        expect_model(h, m);
-        bdb_close(h);
+        reopen_and_verify(h, dir.file("full.db"), m);
     }
 }
 
@@ -234,12 +239,7 @@ TEST(IoFailure, AFailedChangeLeavesTheDatabaseAsItWas) {
         }
         EXPECT_GT(failures, 0);
         expect_model(h, m);
-        ASSERT_EQ(bdb_close(h), 0);
-        h = vt::open_db(dir.file("io.db"));
-        ASSERT_NE(h, nullptr);
-        ASSERT_EQ(bdb_check(h), 0);
-        expect_model(h, m);
-        bdb_close(h);
+        reopen_and_verify(h, dir.file("io.db"), m);
     }
 }
 

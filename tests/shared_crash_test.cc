@@ -33,6 +33,23 @@ bdb_handle *open_shared(const std::string &path) {
     return bdb_open(path.c_str(), 0, BDB_RDWR, BDB_SHARED, &o, 0, &err);
 }
 
+// A child that opens the database, arms the killer on its first write (or
+// read) and puts a record; the parent sees it killed.
+void child_dies_putting(const std::string &path, bool on_write, const std::string &k, const std::string &v) {
+    pid_t pid = vt::spawn([&] {
+        bdb_handle *c = open_shared(path);
+        VT_CHILD_CHECK(c != nullptr);
+        Killer::left = 1;
+        if (on_write)
+            varlo::sysio.pwrite = Killer::pwrite;
+        else
+            varlo::sysio.pread = Killer::pread;
+        vt::put(c, k, v);
+        return 1;  // not reached
+    });
+    EXPECT_EQ(vt::wait_child(pid), 128 + SIGKILL);
+}
+
 TEST_F(Crash, DeathHalfWayThroughAChangeStopsFurtherChanges) {
     key_t key = 0;
     const std::string path = vt::fresh_db(dir, "c", BDB_SHARED, &key);
@@ -43,15 +60,7 @@ TEST_F(Crash, DeathHalfWayThroughAChangeStopsFurtherChanges) {
     ASSERT_EQ(bdb_sync(h), 0);
     // The child dies writing its long value: the run is already taken in
     // the shared map, the record not yet placed.
-    pid_t pid = vt::spawn([&] {
-        bdb_handle *c = open_shared(path);
-        VT_CHILD_CHECK(c != nullptr);
-        Killer::left = 1;
-        varlo::sysio.pwrite = Killer::pwrite;
-        vt::put(c, "long", std::string(20000, 'L'));
-        return 1;  // not reached
-    });
-    EXPECT_EQ(vt::wait_child(pid), 128 + SIGKILL);
+    child_dies_putting(path, true, "long", std::string(20000, 'L'));
     // Not blocked; reads go on; the next change checks the tree, finds the
     // damage and refuses, and so does every later one.
     vt::reports().clear();
@@ -81,15 +90,7 @@ TEST_F(Crash, DeathBeforeTheChangeTouchedAnythingLeavesWorkGoingOn) {
     }
     ASSERT_EQ(bdb_sync(h), 0);
     // The child dies at its first page read, on the way down to its leaf.
-    pid_t pid = vt::spawn([&] {
-        bdb_handle *c = open_shared(path);
-        VT_CHILD_CHECK(c != nullptr);
-        Killer::left = 1;
-        varlo::sysio.pread = Killer::pread;
-        vt::put(c, "new-key", "x");
-        return 1;
-    });
-    EXPECT_EQ(vt::wait_child(pid), 128 + SIGKILL);
+    child_dies_putting(path, false, "new-key", "x");
     EXPECT_EQ(vt::put(h, "after", "x"), 0) << bdbstrerr(bdb_error(h)) << " " << vt::last_context();
     EXPECT_EQ(bdb_check(h), 0);
     for (auto &k : keys) ASSERT_TRUE(vt::get(h, k, nullptr)) << k;

@@ -57,3 +57,10 @@ bdb_handle *tool_open(const char *path, int flags, int mode) {
     if (!h) tool_fail("bdb_open", err);
     return h;
 }
+
+int tool_hold(bdb_handle *h, int mode) {
+    if (mode != BDB_SHARED || bdb_lock(h, BDB_LOCK, 0) == 0) return 0;
+    tool_fail("bdb_lock", bdb_error(h));
+    bdb_close(h);
+    return 1;
+}

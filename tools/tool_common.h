@@ -33,4 +33,10 @@ void tool_print_report(bdb_handle *h, const char *name, const char *syserr, int 
  * returns NULL. */
 bdb_handle *tool_open(const char *path, int flags, int mode);
 
+/* In shared mode other processes may change the tree: holds the database
+ * mutex until bdb_close, so that a walk sees one state (a private read-only
+ * open already keeps writers out with its file lock). 0, or 1 after closing
+ * the handle and reporting the failure. */
+int tool_hold(bdb_handle *h, int mode);
+
 #endif

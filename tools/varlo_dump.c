@@ -89,14 +89,8 @@ int main(int argc, char **argv) {
     if (!h) {
         return 1;
     }
-    if (mode == BDB_SHARED) {
-        if (bdb_lock(h, BDB_LOCK, 0) < 0) {
-            tool_fail("bdb_lock", bdb_error(h));
-            bdb_close(h);
-            return 1;
-        }
-        locked = 1;
-    }
+    if (tool_hold(h, mode)) return 1;
+    locked = mode == BDB_SHARED;
     if (outpath && !(out = fopen(outpath, "w"))) {
         fprintf(stderr, "fopen %s failed: %s\n", outpath, strerror(errno));
         if (locked) bdb_lock(h, BDB_UNLOCK, 0);

@@ -77,17 +77,8 @@ int main(int argc, char **argv) {
         bdb_close(h);
         return 1;
     }
-    /* In shared mode other processes may change the tree: hold the database
-     * mutex for the whole walk. A private read-only open already keeps
-     * writers out with its file lock. */
-    if (mode == BDB_SHARED) {
-        if (bdb_lock(h, BDB_LOCK, 0) < 0) {
-            tool_fail("bdb_lock", bdb_error(h));
-            bdb_close(h);
-            return 1;
-        }
-        locked = 1;
-    }
+    if (tool_hold(h, mode)) return 1;
+    locked = mode == BDB_SHARED;
 
     root = h->meta->root;
     for (w = 0; w < BDB_MAPWORDS; ++w) in_use += popcount32(h->meta->pgmap[w]);
