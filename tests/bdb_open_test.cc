@@ -189,7 +189,7 @@ TEST(Sync, CutsTheFileToItsHighestPageAndSurvivesFailures) {
     // A failed fsync or truncate is reported, the handle stays usable and the next sync does the work.
     varlo::sysio.fsync = [](int) -> int { return errno = EIO, -1; };
     EXPECT_EQ(failure(h, bdb_sync(h)), BDB_E_IO);
-    EXPECT_EQ(vt::last_context(), "db force cache fsync");
+    EXPECT_EQ(vt::last_context(), "meta log fsync");
     varlo::sysio_reset();
     varlo::sysio.ftruncate = [](int, off_t) -> int { return errno = EPERM, -1; };
     EXPECT_EQ(bdb_sync(h), -1);

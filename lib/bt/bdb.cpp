@@ -2,13 +2,15 @@
 // transactions; the small accessors of a handle.
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "bdb_int.h"
+#include "preimage.h"
 
 using namespace varlo;
 
@@ -45,25 +47,42 @@ int give_mutex(bdb_handle *h) {
 
 namespace {
 
-// A state bit of the area: the file is in the other byte order. The handle
-// that reads the meta page sets it, so that every later handle of the area,
-// in this process or another, converts pages too.
-constexpr uint32_t kStateSwapped = 0x20;
-
 bool path_ok(const char *path) { return path && path[0] && std::strlen(path) <= BDB_MAXPATH; }
 
-// Reads the meta page, continuing after short reads. A read error or end of
-// file ends the open (no loop).
-bool read_meta(bdb_handle *h) {
-    auto *p = reinterpret_cast<uint8_t *>(h->meta);
-    size_t got = 0;
-    while (got < kPageSize) {
-        ssize_t r = sysio.pread(h->fd, p + got, kPageSize - got, static_cast<off_t>(got));
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) return false;
-        got += static_cast<size_t>(r);
+// Failures inside the log's start-up report once, through the failing
+// open: their reports are held back and the last context kept.
+thread_local char held_context[200];
+thread_local int held_errno;
+void hold_report(bdb_handle *, const char *, const char *, int e, const char *, uint32_t, const char *ctx) {
+    std::snprintf(held_context, sizeof held_context, "%s", ctx ? ctx : "");
+    held_errno = e;
+}
+
+// The meta log at open. The database's first user (a private handle, the
+// first process of a shared area, the first handle of a thread group) opens
+// it, scans it and puts back what an interrupted session left (*recovered);
+// the caller then starts the session (metalog_begin). A later user of an
+// area joins the session. A handle that cannot write the file writes no log:
+// as the first user it opens a database whose log holds records of an
+// interrupted session only once a read-write open has recovered them (it
+// never reads the mixed file).
+int open_log(bdb_handle *h, bool first, bool fd_writable, bool shared, LogScan *scan, bool *recovered) {
+    const bool writer = fd_writable && (!(h->flags & BDB_F_RDONLY) || (h->flags & BDB_F_AREA));
+    if (!writer) {
+        if (!first) return 0;
+        if (metalog_scan(h, scan) < 0) return -1;
+        if (scan->records.empty()) return 0;
+        errno = 0;
+        fail(h, BDB_E_RDONLY,
+             "the meta log holds changes of an interrupted session: open the database read-write once to recover");
+        return -1;
     }
-    return true;
+    if (metalog_open(h, first, true, shared) < 0) return -1;
+    if (!first) return 0;
+    if (metalog_scan(h, scan) < 0) return -1;
+    if (scan->records.empty()) return 0;
+    *recovered = true;
+    return restore_last_sync(h, *scan);
 }
 
 // The common shape of the record calls: null check, read-only refusal, the
@@ -117,13 +136,20 @@ int bdb_create(const char *path, int mode, uint32_t *err) {
         if (h) bdb_dealloc_handle(h);
         // A file this call created and could not finish is removed again, so
         // that no half-made database stays behind.
-        if (created) ::unlink(path);
+        if (created) sysio.unlink(path);
         uint32_t scratch;
         bdb_unlock_smutex(path, fn, &scratch);
         return -1;
     };
     if (::access(path, F_OK) == 0) {
         *err = BDB_E_EXISTS;
+        return failed();
+    }
+    // A meta log left beside a file that is gone belongs to no database: it
+    // must not be applied to the new one.
+    const std::string log = std::string(path) + kLogSuffix;
+    if (sysio.unlink(log.c_str()) < 0 && errno != ENOENT) {
+        *err = BDB_E_CREATE;
         return failed();
     }
     if (!(h = bdb_alloc_handle(path, BDB_PRIVATE, 0, fn, err))) return failed();
@@ -138,7 +164,7 @@ int bdb_create(const char *path, int mode, uint32_t *err) {
         return failed();
     }
     // O_EXCL: a file that another process creates meanwhile is not truncated.
-    h->fd = ::open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, perm);
+    h->fd = sysio.open(path, O_RDWR | O_CREAT | O_EXCL, perm);
     if (h->fd < 0) {
         *err = errno == EEXIST ? BDB_E_EXISTS : BDB_E_CREATE;
         return failed();
@@ -159,7 +185,8 @@ int bdb_create(const char *path, int mode, uint32_t *err) {
     m->reserved3 = 1;
     m->root = 0;
     *h->npages_ref = 1;
-    if (bdb_write_dpage(h, 0, m, kPageSize) < 0 || bdb_do_sync(h) < 0 || bdb_lock(h, BDB_UNLOCK, 3) < 0) {
+    if (bdb_write_dpage(h, 0, m, kPageSize) < 0 || bdb_do_sync(h) < 0 || sync_parent_dir(path) < 0 ||
+        bdb_lock(h, BDB_UNLOCK, 3) < 0) {
         // A failed truncation leaves no code of its own in the handle.
         *err = h->error ? h->error : BDB_E_CREATE;
         return failed();
@@ -261,9 +288,10 @@ bdb_handle *bdb_open(const char *path, int reserved, int flags, int mode, const 
         // make room (and thread handles share this descriptor), so the file
         // is opened for writing when the caller may write it.
         const int area_oflag = (h->flags & BDB_F_AREA) ? O_RDWR : oflag;
-        h->fd = ::open(path, area_oflag | O_CLOEXEC, perm);
+        int open_flags = area_oflag;
+        h->fd = sysio.open(path, area_oflag, perm);
         if (h->fd < 0 && area_oflag != oflag && (errno == EACCES || errno == EROFS))
-            h->fd = ::open(path, oflag | O_CLOEXEC, perm);
+            h->fd = sysio.open(path, open_flags = oflag, perm);
         if (h->fd < 0) return bdb_open_error(h, "open", errno == ETXTBSY ? BDB_E_SHARE : BDB_E_OPEN, err);
         if (mode == BDB_PRIVATE) {
             if (bdb_lock(h, BDB_LOCK, 3) < 0)
@@ -278,20 +306,35 @@ bdb_handle *bdb_open(const char *path, int reserved, int flags, int mode, const 
             // another process holds it alone.
             return bdb_open_error(h, "Database already opened privately by another process", BDB_E_SHARE, err);
         }
-        if (::lseek(h->fd, 0, SEEK_SET) != 0) return bdb_open_error(h, "meta lseek 0", BDB_E_IO, err);
         struct stat st;
-        if (::fstat(h->fd, &st) < 0) return bdb_open_error(h, "db stat", BDB_E_IO, err);
+        if (sysio.fstat(h->fd, &st) < 0) return bdb_open_error(h, "db stat", BDB_E_IO, err);
         h->blksize = static_cast<uint32_t>(st.st_blksize);
         if (st.st_size < static_cast<off_t>(kPageSize)) return bdb_open_error(h, "meta size", BDB_E_DBTYPE, err);
-        if (reads_meta && !read_meta(h)) return bdb_open_error(h, "meta read", BDB_E_READ, err);
-        off_t end = ::lseek(h->fd, 0, SEEK_END);
-        if (end < 0 || end % kPageSize != 0) return bdb_open_error(h, "db lseek end", BDB_E_DBSIZE, err);
-        if (end / kPageSize > BDB_MAXPAGES) return bdb_open_error(h, "db lseek end", BDB_E_DBSIZE, err);
-        ::lseek(h->fd, 0, SEEK_SET);
+        if (reads_meta && read_full(h->fd, h->meta, kPageSize, 0) < 0)
+            return bdb_open_error(h, "meta read", BDB_E_READ, err);
+        // The meta log comes first: what an interrupted session left (a torn
+        // page, a partial length) is put back before the file is judged.
+        LogScan scan;
+        bool recovered = false;
+        const bdb_errhandler_fn handler = h->errhandler;
+        h->errhandler = hold_report;
+        held_context[0] = 0;
+        int logged = open_log(h, reads_meta, (open_flags & O_ACCMODE) == O_RDWR, mode == BDB_SHARED, &scan, &recovered);
+        h->errhandler = handler;
+        if (logged < 0) {
+            errno = held_errno;
+            return bdb_open_error(h, held_context[0] ? held_context : "meta log", h->error, err);
+        }
+        if (recovered && sysio.fstat(h->fd, &st) < 0) return bdb_open_error(h, "db stat", BDB_E_IO, err);
+        const off_t end = st.st_size;
+        if (end % kPageSize != 0 || end / kPageSize > BDB_MAXPAGES)
+            return bdb_open_error(h, "db lseek end", BDB_E_DBSIZE, err);
         h->npages = static_cast<uint32_t>(end / kPageSize);
         if (reads_meta) {
             *h->npages_ref = h->npages;
-            if (h->meta->magic == BDB_MAGIC_SWAPPED) {
+            if (recovered) {
+                // The meta page copy is in machine order already.
+            } else if (h->meta->magic == BDB_MAGIC_SWAPPED) {
                 h->flags |= BDB_F_SWAPPED;
                 bdb_swap(h->meta, kPageSize);
                 *h->state_ref |= kStateSwapped;
@@ -299,6 +342,18 @@ bdb_handle *bdb_open(const char *path, int reserved, int flags, int mode, const 
                 *h->state_ref &= ~kStateSwapped;
             } else {
                 return bdb_open_error(h, "meta magic corrupt", BDB_E_MAGIC, err);
+            }
+            if (h->mlog) {
+                alignas(8) uint8_t image[kPageSize];
+                meta_file_image(h, image);
+                h->errhandler = hold_report;
+                held_context[0] = 0;
+                logged = metalog_begin(h, scan, image, h->npages);
+                h->errhandler = handler;
+                if (logged < 0) {
+                    errno = held_errno;
+                    return bdb_open_error(h, held_context[0] ? held_context : "meta log", h->error, err);
+                }
             }
             h->meta->mode = static_cast<uint32_t>(mode);
             // A handle that takes an area as another handle left it keeps the
@@ -473,6 +528,11 @@ int bdb_sync(bdb_handle *h) {
     return r < 0 ? r : rc;
 }
 
+// With a meta log the sync is crash-safe: the log is made durable, the pages
+// and the meta page are written and the file is fsynced (bdb_force_cache),
+// then a new log interval begins (the commit point: after it a crash keeps
+// this sync's state, before it the previous one), and only then is the file
+// cut to its pages in use.
 int bdb_do_sync(bdb_handle *h) {
     if (!h) {
         errno = EINVAL;
@@ -484,16 +544,22 @@ int bdb_do_sync(bdb_handle *h) {
     }
     MutexHold hold(h);
     if (hold.status() < 0) return hold.status();
-    int rc = 0;
-    if (bdb_force_cache(h) < 0) {
-        rc = -1;
-    } else {
-        refresh_logmap(h);
-        uint32_t pages = bdb_find_max_page_number(h);
-        *h->npages_ref = pages;
-        if (sysio.ftruncate(h->fd, static_cast<off_t>(pages) << kPageShift) < 0) {
-            bdb_errlog(h, "db sync truncate");
+    int rc = area_check(h);
+    if (rc == 0) {
+        ChangeMark mark(h);
+        const uint32_t pages = bdb_find_max_page_number(h);
+        alignas(8) uint8_t image[kPageSize];
+        if (bdb_force_cache(h) < 0) {
             rc = -1;
+        } else if (metalog_active(h) && (meta_file_image(h, image), metalog_commit(h, image, pages) < 0)) {
+            rc = -1;
+        } else {
+            refresh_logmap(h);
+            *h->npages_ref = pages;
+            if (sysio.ftruncate(h->fd, static_cast<off_t>(pages) << kPageShift) < 0) {
+                bdb_errlog(h, "db sync truncate");
+                rc = -1;
+            }
         }
     }
     int r = hold.release();

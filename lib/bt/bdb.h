@@ -166,6 +166,8 @@ extern const char *const bdb_errorid[39];
 /* ------------------------------------------------------------------------ */
 
 typedef struct bdb_handle bdb_handle;
+/* The meta log of an open database (internal to the library). */
+struct bdb_metalog;
 
 /* A key or value as the caller gives or receives it. */
 typedef struct bdb_datum {
@@ -358,6 +360,7 @@ struct bdb_handle {
     bdb_compare_fn compare;      /* key comparison */
     uint32_t error;              /* last error code, 0 = none */
     bdb_stats *stats;            /* statistics block */
+    struct bdb_metalog *mlog;    /* meta log of the file, NULL = none (read-only) */
     char name_buf[4];            /* the name (and, private handles, more) runs on from here */
 };
 

@@ -12,6 +12,7 @@
 #include <sys/types.h>
 
 #include "bdb.h"
+#include "fileio.h"
 
 // ---------------------------------------------------------------------------
 // On-disk and shared-memory layouts: identical in 32-bit and 64-bit builds.
@@ -93,6 +94,15 @@ inline constexpr uint32_t kShmCacheBytes = kShmPages * (kSlotSize + kPageSize); 
 inline constexpr uint32_t kShmSize = sizeof(bdb_shared);                          // 65772
 inline constexpr int kIpcProject = 66;                                            // 'B'
 
+// Bits of the state word (the handle's own, or the shared area's) besides
+// BDB_METADIRTY and BDB_BACKOUT:
+// the file is in the other byte order (set by the handle that read the meta
+// page, so that every later handle of an area converts pages too);
+inline constexpr uint32_t kStateSwapped = 0x20;
+// a change or a sync is under way on the area (set while the mutex is held
+// for it): found set by a holder of the mutex, its maker died part way.
+inline constexpr uint32_t kStateChanging = 0x40;
+
 // Engine results.
 enum : int {
     SR_OK = 0,
@@ -173,19 +183,23 @@ private:
     bool held_ = false;
 };
 
-// ---------------------------------------------------------------------------
-// Platform seam: every system call on the database file goes through here so
-// that tests can inject failures.
-// ---------------------------------------------------------------------------
+// Marks a change (or a sync) under way on an area for the scope, so that a
+// process that dies during it is noticed by the next holder of the mutex.
+class ChangeMark {
+public:
+    explicit ChangeMark(bdb_handle *h) : h_(h), on_(h->flags & BDB_F_AREA) {
+        if (on_) *h_->state_ref |= kStateChanging;
+    }
+    ~ChangeMark() {
+        if (on_) *h_->state_ref &= ~kStateChanging;
+    }
+    ChangeMark(const ChangeMark &) = delete;
+    ChangeMark &operator=(const ChangeMark &) = delete;
 
-struct SysIo {
-    ssize_t (*pread)(int fd, void *buf, size_t n, off_t off);
-    ssize_t (*pwrite)(int fd, const void *buf, size_t n, off_t off);
-    int (*fsync)(int fd);
-    int (*ftruncate)(int fd, off_t len);
+private:
+    bdb_handle *h_;
+    bool on_;
 };
-extern SysIo sysio;
-void sysio_reset();
 
 // ---------------------------------------------------------------------------
 // Page storage internals
@@ -196,20 +210,33 @@ int32_t bits_tstclr(const uint32_t *map, int32_t nwords, int32_t start, int32_t 
 int32_t bits_tstset(const uint32_t *map, int32_t nwords, int32_t start, int32_t max);
 extern const int32_t _zeroes[16];
 
+// A long value's run: allocation that spares the meta log, and the write of
+// a new run. 0 or -1 (code set).
+int alloc_data_run(bdb_handle *h, uint32_t n, uint32_t *first);
+int write_data_run(bdb_handle *h, uint32_t first, const void *data, uint32_t len);
+
+struct LogScan;
+// Puts the file back to its last sync from the records of a scan of the meta
+// log (recovery): every image is applied once, the cache is emptied, the
+// meta page copy and the page count are those of the last sync, the file has
+// its synced length and is fsynced. The log's session must be stopped (or
+// not begun). 0, or -1 with a code; applying again after a failure or a
+// crash gives the same result.
+int restore_last_sync(bdb_handle *h, const LogScan &scan);
+
+// The meta page copy as it stands in the file (converted when the file is
+// in the other byte order), kPageSize bytes.
+void meta_file_image(const bdb_handle *h, void *out);
+// Before the first call on an area after a process died during a change or
+// a sync (the mark was left): the database goes back to its last sync
+// through the meta log, for every user. 0, or -1 with a code when it cannot.
+// REQUIRES the database mutex.
+int area_check(bdb_handle *h);
+
 // Copies the allocation map into the log map (open and sync).
 void refresh_logmap(bdb_handle *h);
 // Free pages below BDB_MAXPAGES, counted exactly (slow; used near a full file).
 uint32_t count_free_pages(const bdb_handle *h);
-
-// Engine journal hooks (bdb_srch): page storage calls these so that a
-// failing change can be undone. They do nothing outside an engine change.
-// journal_page_touched returns false (BDB_E_NOMEM in the handle) when the
-// page's image cannot be kept; the caller then must not change the page.
-bool journal_page_touched(bdb_handle *h, bdb_page *page, bool fresh);
-void journal_meta_touched(bdb_handle *h);
-// True when the run's release was deferred to the end of the change (so that
-// a failing change can still restore the records that used it).
-bool journal_defer_run(bdb_handle *h, uint32_t first, uint32_t n);
 
 // Locks a descriptor's file (bytes 0..8191) without recording it in the
 // handle: shared (read) or exclusive. 0 or -1.

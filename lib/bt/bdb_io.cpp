@@ -15,16 +15,13 @@
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
+#include <vector>
 
-#include "bdb_int.h"
+#include "preimage.h"
 
 using namespace varlo;
 
 namespace varlo {
-
-SysIo sysio = {::pread, ::pwrite, ::fsync, ::ftruncate};
-
-void sysio_reset() { sysio = SysIo{::pread, ::pwrite, ::fsync, ::ftruncate}; }
 
 void refresh_logmap(bdb_handle *h) { std::memcpy(h->logmap, h->meta->pgmap, BDB_MAPWORDS * 4); }
 
@@ -142,11 +139,46 @@ void reset_index(bdb_handle *h) {
     }
 }
 
-// Writes a dirty record's buffer to its page in file order. On failure the
-// buffer is left in machine order, still dirty.
+// Writes a page image (machine order) to its page in file order.
+int write_image(bdb_handle *h, uint32_t pg, const uint8_t *img) {
+    if (!(h->flags & BDB_F_SWAPPED)) return bdb_write_dpage(h, pg, img, kPageSize);
+    alignas(8) uint8_t tmp[kPageSize];
+    std::memcpy(tmp, img, kPageSize);
+    bdb_pgswap(tmp, 1);
+    return bdb_write_dpage(h, pg, tmp, kPageSize);
+}
+
+// Writes out the write-behind buffer: one fsync of the meta log for all its
+// pages, then the pages in page order.
+int write_deferred(bdb_handle *h) {
+    const uint32_t n = metalog_deferred_count(h);
+    if (n == 0) return 0;
+    if (metalog_flush(h) < 0) return -1;
+    std::pair<uint32_t, const uint8_t *> pages[kDeferPages];
+    const uint32_t m = std::min(n, kDeferPages);
+    for (uint32_t i = 0; i < m; ++i) pages[i].first = metalog_deferred(h, i, &pages[i].second);
+    std::sort(pages, pages + m);
+    for (uint32_t i = 0; i < m; ++i)
+        if (write_image(h, pages[i].first, pages[i].second) < 0) return -1;
+    metalog_clear_deferred(h);
+    return 0;
+}
+
+// Writes a dirty record's buffer to its page in file order, or, while the
+// page's image in the meta log is not yet durable, moves it to the
+// write-behind buffer. On failure the buffer is left in machine order, still
+// dirty.
 int write_back(bdb_handle *h, uint32_t rec) {
     bdb_cachepg &r = h->cache[rec];
     uint8_t *buf = buffer(h, rec);
+    if (metalog_active(h) && metalog_waits(h, r.pgno)) {
+        if (metalog_defer(h, r.pgno, buf)) {
+            r.flags &= ~BDB_CACHE_DIRTY;
+            return 0;
+        }
+        // The buffer is full: after its pages go out the log is durable.
+        if (write_deferred(h) < 0) return -1;
+    }
     const bool swapped = h->flags & BDB_F_SWAPPED;
     if (swapped) bdb_pgswap(buf, 1);
     if (bdb_write_dpage(h, r.pgno, buf, kPageSize) < 0) {
@@ -155,6 +187,16 @@ int write_back(bdb_handle *h, uint32_t rec) {
     }
     r.flags &= ~BDB_CACHE_DIRTY;
     return 0;
+}
+
+// A record taking a new page: a dirty image of the page waiting in the
+// write-behind buffer comes back into it (dirty still); otherwise the buffer
+// is marked invalid, to be read or initialised by the caller.
+void take_deferred(bdb_handle *h, uint32_t rec, uint8_t *buf) {
+    if (metalog_take_deferred(h, h->cache[rec].pgno, buf))
+        h->cache[rec].flags |= BDB_CACHE_DIRTY;
+    else
+        clear_first_word(buf);
 }
 
 // Age-counter scan over every record (the cache of a shared area).
@@ -182,7 +224,7 @@ void *cache_pg_scan(bdb_handle *h, uint32_t pg) {
     c[victim].age = 0;
     c[victim].flags = 0;
     uint8_t *buf = buffer(h, victim);
-    clear_first_word(buf);
+    take_deferred(h, victim, buf);
     h->stats->cache_misses++;
     return buf;
 }
@@ -208,7 +250,7 @@ void *cache_pg_indexed(bdb_handle *h, uint32_t pg) {
     hinsert(h, ix, victim);
     lru_touch(h, ix, victim);
     uint8_t *buf = buffer(h, victim);
-    clear_first_word(buf);
+    take_deferred(h, victim, buf);
     h->stats->cache_misses++;
     return buf;
 }
@@ -238,6 +280,25 @@ uint32_t find_record(const bdb_handle *h, uint32_t pg) {
     for (uint32_t i = 0; i < h->ncache; ++i)
         if (h->cache[i].pgno == pg) return i;
     return kNone;
+}
+
+// Writes the meta page copy to page 0 in file order; the copy in memory
+// stays in machine order.
+int write_meta(bdb_handle *h) {
+    if (!(h->flags & BDB_F_SWAPPED)) return bdb_write_dpage(h, 0, h->meta, kPageSize);
+    alignas(8) uint8_t image[kPageSize];
+    std::memcpy(image, h->meta, kPageSize);
+    bdb_swap(image, kPageSize);
+    return bdb_write_dpage(h, 0, image, kPageSize);
+}
+
+// Writes a tree page's image to the meta log, in the file's byte order.
+int log_point(bdb_handle *h, const bdb_page *page) {
+    if (!(h->flags & BDB_F_SWAPPED)) return metalog_log_page(h, page->pgno, page);
+    alignas(8) uint8_t img[kPageSize];
+    std::memcpy(img, page, kPageSize);
+    bdb_pgswap(img, 1);
+    return metalog_log_page(h, page->pgno, img);
 }
 
 }  // namespace
@@ -304,41 +365,45 @@ extern "C" bdb_page *bdb_get_dpage(bdb_handle *h, uint32_t pg, int flags) {
     auto *buf = static_cast<uint8_t *>(bdb_cache_pg(h, pg));
     if (!buf) return nullptr;
     auto *page = reinterpret_cast<bdb_page *>(buf);
-    bool just_read = false;
     if (page->pgno != pg) {
         if (bdb_read_dpage(h, pg, buf, kPageSize) < 0) {
             clear_first_word(buf);
             return nullptr;
         }
-        just_read = true;
+        if (h->flags & BDB_F_SWAPPED) bdb_pgswap(buf, 0);
+        if (page->pgno != pg || !page_sane(page)) {
+            // The file holds something else at this page, or a damaged tree
+            // page: it is refused before anything reads past its bounds.
+            clear_first_word(buf);
+            char ctx[64];
+            std::snprintf(ctx, sizeof ctx, "damaged tree page %u", pg);
+            errno = 0;  // not a system failure: report no stale errno
+            fail(h, BDB_E_DBTYPE, ctx);
+            return nullptr;
+        }
     }
-    // The log point comes first, while a page just read from a byte-swapped
-    // file still stands in file order; the update mark is set once the page
-    // is in machine order (so that it lands in the right bit).
-    if ((flags & BDB_FORUPDATE) && bits_tstb(h->logmap, static_cast<int32_t>(pg)))
+    if (!(flags & BDB_FORUPDATE)) return page;
+    // The page's log point: its first change since the last sync. The image
+    // it has now is the one the last sync left in the file.
+    if (bits_tstb(h->logmap, static_cast<int32_t>(pg))) {
+        if (metalog_active(h) && log_point(h, page) < 0) return nullptr;
         bits_clrb(h->logmap, static_cast<int32_t>(pg));
-    if ((h->flags & BDB_F_SWAPPED) && just_read) bdb_pgswap(buf, 0);
-    if (page->pgno != pg || (just_read && !page_sane(page))) {
-        // The file holds something else at this page, or a damaged tree page:
-        // it is refused before anything reads past its bounds.
-        clear_first_word(buf);
-        char ctx[64];
-        std::snprintf(ctx, sizeof ctx, "damaged tree page %u", pg);
-        errno = 0;  // not a system failure: report no stale errno
-        fail(h, BDB_E_DBTYPE, ctx);
-        return nullptr;
     }
-    if (flags & BDB_FORUPDATE) {
-        if (!journal_page_touched(h, page, false)) return nullptr;
-        page->flags |= BDB_PGBUSY;
-    }
+    if (!journal_page_touched(h, page, false)) return nullptr;
+    page->flags |= BDB_PGBUSY;
     return page;
 }
 
 extern "C" bdb_page *bdb_new_dpage(bdb_handle *h) {
     uint32_t pg = 0;
     if (bdb_alloc_dpages(h, 1, &pg) < 0) return nullptr;
-    if (bits_tstb(h->logmap, static_cast<int32_t>(pg))) bits_clrb(h->logmap, static_cast<int32_t>(pg));
+    // A page in use at the last sync, freed and taken again since, still
+    // holds in the file what the synced tree refers to: its image goes to
+    // the meta log before the page is used again.
+    if (bits_tstb(h->logmap, static_cast<int32_t>(pg))) {
+        if (metalog_active(h) && metalog_take_pages(h, pg, 1) < 0) return nullptr;
+        bits_clrb(h->logmap, static_cast<int32_t>(pg));
+    }
     auto *page = static_cast<bdb_page *>(bdb_cache_pg(h, pg));
     if (!page) return nullptr;
     // A new page starts zeroed: its free gap never carries bytes left over
@@ -369,6 +434,7 @@ extern "C" int bdb_cache_dirty(bdb_handle *h, uint32_t pg) {
 }
 
 extern "C" int bdb_inval_cache_pg(bdb_handle *h, uint32_t pg) {
+    metalog_drop_deferred(h, pg);
     uint32_t rec = find_record(h, pg);
     if (rec == kNone) return 0;
     bdb_cachepg &r = h->cache[rec];
@@ -381,16 +447,35 @@ extern "C" int bdb_inval_cache_pg(bdb_handle *h, uint32_t pg) {
     return 0;
 }
 
+// The meta page's log point can fail (its image cannot be written to the
+// meta log): -1 then, and the caller must not change the meta page.
 extern "C" int bdb_update_meta(bdb_handle *h) {
+    if (bits_tstb(h->logmap, 0)) {
+        if (metalog_active(h) && metalog_log_meta(h) < 0) return -1;
+        bits_clrb(h->logmap, 0);
+    }
     journal_meta_touched(h);
-    if (bits_tstb(h->logmap, 0)) bits_clrb(h->logmap, 0);
     *h->state_ref |= BDB_METADIRTY;
     return 0;
 }
 
+// The meta log is made durable first; then the dirty pages go out in page
+// order and the meta page last, and the file is fsynced. Should the fsync
+// fail, the pages just written are marked dirty again, so that the next sync
+// writes them once more rather than trust what the system may have dropped.
 extern "C" int bdb_force_cache(bdb_handle *h) {
-    for (uint32_t i = 0; i < h->ncache; ++i) {
-        if (!(h->cache[i].flags & BDB_CACHE_DIRTY)) continue;
+    if (metalog_active(h) && (metalog_flush(h) < 0 || write_deferred(h) < 0)) return -1;
+    std::vector<uint32_t> order;
+    try {
+        for (uint32_t i = 0; i < h->ncache; ++i)
+            if (h->cache[i].flags & BDB_CACHE_DIRTY) order.push_back(i);
+        std::sort(order.begin(), order.end(),
+                  [h](uint32_t a, uint32_t b) { return h->cache[a].pgno < h->cache[b].pgno; });
+    } catch (...) {
+        h->error = BDB_E_NOMEM;
+        return -1;
+    }
+    for (uint32_t i : order) {
         // A buffer written in file order stays so: its first word no longer
         // matches the page, so the next fetch reads the page again.
         uint8_t *buf = buffer(h, i);
@@ -401,18 +486,15 @@ extern "C" int bdb_force_cache(bdb_handle *h) {
         }
         h->cache[i].flags &= ~BDB_CACHE_DIRTY;
     }
-    if (*h->state_ref & BDB_METADIRTY) {
-        if (h->flags & BDB_F_SWAPPED) {
-            alignas(8) static thread_local uint8_t image[kPageSize];
-            std::memcpy(image, h->meta, kPageSize);
-            bdb_swap(image, kPageSize);
-            if (bdb_write_dpage(h, 0, image, kPageSize) < 0) return -1;
-        } else if (bdb_write_dpage(h, 0, h->meta, kPageSize) < 0) {
-            return -1;
-        }
+    const bool meta_dirty = *h->state_ref & BDB_METADIRTY;
+    if (meta_dirty) {
+        if (write_meta(h) < 0) return -1;
         *h->state_ref &= ~BDB_METADIRTY;
     }
     if (sysio.fsync(h->fd) < 0) {
+        for (uint32_t i : order)
+            if (h->cache[i].pgno) h->cache[i].flags |= BDB_CACHE_DIRTY;
+        if (meta_dirty) *h->state_ref |= BDB_METADIRTY;
         fail(h, BDB_E_IO, "db force cache fsync");
         return -1;
     }
@@ -423,44 +505,25 @@ extern "C" int bdb_force_cache(bdb_handle *h) {
 // Page transfers. Positional reads and writes: one system call per transfer,
 // no seek (so the "db lseek" failure of a seek-based transfer cannot occur),
 // retried after EINTR and continued after short transfers. A transfer that
-// fails leaves BDB_E_WRITE or BDB_E_READ in the handle.
+// fails leaves BDB_E_WRITE or BDB_E_READ in the handle. No page reaches the
+// file before the meta log holds, durably, the image it replaces.
 // ---------------------------------------------------------------------------
 
 extern "C" int bdb_write_dpage(bdb_handle *h, uint32_t pg, const void *src, uint32_t n) {
+    if (metalog_before_write(h, pg, n) < 0) return -1;
     h->stats->page_writes++;
-    auto *p = static_cast<const uint8_t *>(src);
-    off_t off = static_cast<off_t>(pg) << kPageShift;
-    size_t left = n;
-    while (left > 0) {
-        ssize_t w = sysio.pwrite(h->fd, p, left, off);
-        if (w < 0 && errno == EINTR) continue;
-        if (w <= 0) {
-            if (w == 0) errno = ENOSPC;
-            fail(h, BDB_E_WRITE, "db write");
-            return -1;
-        }
-        p += w;
-        off += w;
-        left -= static_cast<size_t>(w);
+    if (write_full(h->fd, src, n, static_cast<off_t>(pg) << kPageShift) < 0) {
+        fail(h, BDB_E_WRITE, "db write");
+        return -1;
     }
     return 0;
 }
 
 extern "C" int bdb_read_dpage(bdb_handle *h, uint32_t pg, void *dst, uint32_t n) {
     h->stats->page_reads++;
-    auto *p = static_cast<uint8_t *>(dst);
-    off_t off = static_cast<off_t>(pg) << kPageShift;
-    size_t left = n;
-    while (left > 0) {
-        ssize_t r = sysio.pread(h->fd, p, left, off);
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) {
-            fail(h, BDB_E_READ, "db read");
-            return -1;
-        }
-        p += r;
-        off += r;
-        left -= static_cast<size_t>(r);
+    if (read_full(h->fd, dst, n, static_cast<off_t>(pg) << kPageShift) < 0) {
+        fail(h, BDB_E_READ, "db read");
+        return -1;
     }
     return 0;
 }
@@ -482,7 +545,10 @@ extern "C" int bdb_extend(bdb_handle *h, uint32_t pages) {
 
 // A restored meta page image is marked changed, so that the next sync writes
 // it: otherwise a close right after the back-out would leave page 0 of the
-// file describing the state that was backed out.
+// file describing the state that was backed out. On a handle that writes a
+// meta log, images applied by a caller reach their pages through the log
+// like any other change; recovery applies its records before the session's
+// log starts, so they are not logged again.
 extern "C" int bdb_backout_old(bdb_handle *h, const void *record, uint32_t len) {
     if (!h) {
         errno = EINVAL;
@@ -512,11 +578,104 @@ extern "C" int bdb_backout_old(bdb_handle *h, const void *record, uint32_t len) 
         } else if (n != kPageSize) {
             bdb_errlog(h, "Bad meta page log size");
             rc = -1;
+        } else if (bdb_update_meta(h) < 0) {
+            rc = -1;
         } else {
             std::memcpy(h->meta, image, kPageSize);
-            *h->state_ref |= BDB_METADIRTY;
         }
     }
     *h->state_ref &= ~BDB_BACKOUT;
     return rc;
 }
+
+// ---------------------------------------------------------------------------
+// Back to the last sync
+// ---------------------------------------------------------------------------
+
+namespace varlo {
+
+void meta_file_image(const bdb_handle *h, void *out) {
+    std::memcpy(out, h->meta, kPageSize);
+    if (h->flags & BDB_F_SWAPPED) bdb_swap(out, kPageSize);
+}
+
+int restore_last_sync(bdb_handle *h, const LogScan &scan) {
+    // The file's byte order comes from the log: page 0 may be torn.
+    if (scan.file_swapped) {
+        h->flags |= BDB_F_SWAPPED;
+        *h->state_ref |= kStateSwapped;
+    } else {
+        h->flags &= ~BDB_F_SWAPPED;
+        *h->state_ref &= ~kStateSwapped;
+    }
+    std::vector<uint8_t> rec(4 + kPageSize);
+    alignas(8) uint8_t page0[kPageSize];
+    bool meta_logged = false;
+    for (const auto &r : scan.records) meta_logged |= r.pgno == 0;
+    if (!meta_logged) {
+        // Without a record of it, the meta page in the file is the one of
+        // the last sync: a log that says otherwise is not this file's.
+        if (read_full(h->fd, page0, kPageSize, 0) < 0) {
+            fail(h, BDB_E_READ, "db read");
+            return -1;
+        }
+        if (log_hash(page0, kPageSize, 0) != scan.meta_hash) {
+            errno = 0;
+            fail(h, BDB_E_OPEN, "meta log does not describe this database file");
+            return -1;
+        }
+    }
+    std::vector<uint32_t> done(BDB_MAPWORDS, 0u);
+    for (const auto &r : scan.records) {
+        if ((done[r.pgno >> 5] >> (r.pgno & 31)) & 1u) continue;  // the first image of a page counts
+        done[r.pgno >> 5] |= 1u << (r.pgno & 31);
+        if (metalog_read(h, scan, r, rec.data()) < 0 || bdb_backout_old(h, rec.data(), r.len) < 0) return -1;
+    }
+    // Whatever the cache holds (another process's changes in a shared area)
+    // is later than the last sync.
+    metalog_clear_deferred(h);
+    for (uint32_t i = 0; i < h->ncache; ++i) bdb_inval_cache_pg(h, h->cache[i].pgno);
+    if (meta_logged) {
+        if (write_meta(h) < 0) return -1;
+    } else {
+        std::memcpy(h->meta, page0, kPageSize);
+        if (h->flags & BDB_F_SWAPPED) bdb_swap(h->meta, kPageSize);
+    }
+    *h->state_ref &= ~BDB_METADIRTY;
+    if (sysio.ftruncate(h->fd, static_cast<off_t>(scan.synced_pages) << kPageShift) < 0 || sysio.fsync(h->fd) < 0) {
+        fail(h, BDB_E_IO, "recovery sync");
+        return -1;
+    }
+    *h->npages_ref = scan.synced_pages;
+    refresh_logmap(h);
+    return 0;
+}
+
+// A recovery that fails leaves the mark in place: the next call tries again
+// (applying the images again gives the same result) and every call fails
+// meanwhile, so nobody works on the half-changed pages.
+int area_check(bdb_handle *h) {
+    if (!(h->flags & BDB_F_AREA) || !(*h->state_ref & kStateChanging)) return 0;
+    // The mutex is ours, so whoever set the mark died part way through.
+    // Everything since the last sync is undone, for every user, as after a
+    // crash: it was not yet durable.
+    if (h->mlog) {
+        metalog_stop(h);
+        LogScan scan;
+        alignas(8) uint8_t image[kPageSize];
+        if (metalog_scan(h, &scan) == 0 && restore_last_sync(h, scan) == 0) {
+            meta_file_image(h, image);
+            if (metalog_begin(h, scan, image, *h->npages_ref) == 0) {
+                *h->state_ref &= ~kStateChanging;
+                return 0;
+            }
+        }
+    } else {
+        errno = 0;
+        h->error = BDB_E_IO;
+    }
+    bdb_errlog(h, "a process died during a change and the database could not be brought back to its last sync");
+    return -1;
+}
+
+}  // namespace varlo

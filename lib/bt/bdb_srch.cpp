@@ -18,12 +18,13 @@
 #include <cstring>
 #include <utility>
 
-#include "bdb_int.h"
+#include "preimage.h"
 
 using namespace varlo;
 
 // ---------------------------------------------------------------------------
-// The journal of one change
+// Ending a change: its journal's images put back, or its deferred releases
+// carried out
 // ---------------------------------------------------------------------------
 
 namespace {
@@ -32,216 +33,48 @@ namespace {
 // its pages have been released and the parent must clear its pointer.
 constexpr int SR_EMPTYSUB = 100;
 
-struct SavedPage {
-    uint32_t pgno;
-    bool fresh;  // allocated by this change: nothing to restore
-    uint32_t slot;  // index of its image in the image buffer
-};
-
-// Memory for a journal, kept per thread so that changes allocate nothing
-// once it has grown to the size they need.
-struct JournalMem {
-    uint8_t *meta = nullptr;    // 8192 bytes
-    uint8_t *images = nullptr;  // cap_images * 8192 bytes
-    uint32_t cap_images = 0;
-    SavedPage *pages = nullptr;
-    uint32_t cap_pages = 0;
-    uint32_t (*runs)[2] = nullptr;
-    uint32_t cap_runs = 0;
-
-    void release() {
-        std::free(meta);
-        std::free(images);
-        std::free(pages);
-        std::free(runs);
-        *this = JournalMem{};
-    }
-};
-
-struct JournalSpare {
-    JournalMem mem;
-    bool in_use = false;
-    ~JournalSpare() { mem.release(); }
-};
-thread_local JournalSpare spare;
-
-class Journal;
-thread_local Journal *active = nullptr;
-
-template <typename T>
-bool grow(T *&arr, uint32_t &cap, uint32_t need, size_t elem) {
-    if (need <= cap) return true;
-    uint32_t ncap = cap ? cap : 8;
-    while (ncap < need) ncap *= 2;
-    void *p = std::realloc(arr, static_cast<size_t>(ncap) * elem);
-    if (!p) return false;
-    arr = static_cast<T *>(p);
-    cap = ncap;
-    return true;
+// The change succeeded: release the runs it gave up.
+void finish(bdb_handle *h, ChangeJournal &j) {
+    j.pause();
+    for (const auto &run : j.deferred_runs()) bdb_del_dpages(h, run[0], run[1]);
+    j.resume_empty();
 }
 
-class Journal {
-public:
-    explicit Journal(bdb_handle *h) : h_(h), prev_(active) {
-        if (!spare.in_use) {
-            spare.in_use = true;
-            mem_ = std::move(spare.mem);
-            spare.mem = JournalMem{};
-            borrowed_ = true;
+// The change failed: put back every page image, newest first, and the meta
+// page.
+void undo(bdb_handle *h, ChangeJournal &j) {
+    j.pause();
+    const uint32_t saved_error = h->error;
+    for (uint32_t i = 0; i < j.page_count(); ++i) {
+        const SavedPage sp = j.page(i);
+        if (sp.fresh) {
+            bdb_inval_cache_pg(h, sp.pgno);
+            continue;
         }
-        // The meta image and room for a typical change are reserved up front,
-        // so that only unusually deep changes allocate on the way.
-        if (!mem_.meta) mem_.meta = static_cast<uint8_t *>(std::malloc(kPageSize));
-        ok_ = mem_.meta && grow(mem_.images, mem_.cap_images, 16, kPageSize) &&
-              grow(mem_.pages, mem_.cap_pages, 32, sizeof(SavedPage)) &&
-              grow(mem_.runs, mem_.cap_runs, 8, sizeof(uint32_t[2]));
-        active = this;
-    }
-    ~Journal() {
-        active = prev_;
-        if (borrowed_) {
-            spare.mem = std::move(mem_);
-            spare.in_use = false;
+        auto *buf = static_cast<uint8_t *>(bdb_cache_pg(h, sp.pgno));
+        if (buf) {
+            std::memcpy(buf, sp.image, kPageSize);
+            reinterpret_cast<bdb_page *>(buf)->flags &= ~BDB_PGBUSY;
+            bdb_cache_dirty(h, sp.pgno);
         } else {
-            mem_.release();
+            // No buffer could be freed for it: write the image straight to
+            // the file instead.
+            alignas(8) uint8_t tmp[kPageSize];
+            std::memcpy(tmp, sp.image, kPageSize);
+            reinterpret_cast<bdb_page *>(tmp)->flags &= ~BDB_PGBUSY;
+            if (h->flags & BDB_F_SWAPPED) bdb_pgswap(tmp, 1);
+            if (bdb_write_dpage(h, sp.pgno, tmp, kPageSize) < 0) bdb_errlog(h, "rollback write failed");
         }
     }
-    Journal(const Journal &) = delete;
-    Journal &operator=(const Journal &) = delete;
-
-    bdb_handle *handle() const { return h_; }
-    // False when the journal could not reserve its memory: nothing may change.
-    bool ok() const { return ok_; }
-
-    void save_meta() {
-        if (meta_saved_ || !mem_.meta) return;
-        std::memcpy(mem_.meta, h_->meta, kPageSize);
-        meta_saved_ = true;
+    if (const uint8_t *meta = j.meta_image()) {
+        std::memcpy(h->meta, meta, kPageSize);
+        *h->state_ref |= BDB_METADIRTY;
     }
-
-    bool save_page(const bdb_page *page, bool fresh) {
-        const uint32_t pg = page->pgno;
-        for (uint32_t i = 0; i < npages_; ++i)
-            if (mem_.pages[i].pgno == pg) return true;
-        if (!grow(mem_.pages, mem_.cap_pages, npages_ + 1, sizeof(SavedPage))) return false;
-        uint32_t slot = 0;
-        if (!fresh) {
-            if (!grow(mem_.images, mem_.cap_images, nimages_ + 1, kPageSize)) return false;
-            slot = nimages_++;
-            copy_used(mem_.images + static_cast<size_t>(slot) * kPageSize, page_bytes(page));
-        }
-        mem_.pages[npages_++] = SavedPage{pg, fresh, slot};
-        return true;
-    }
-
-    bool defer_run(uint32_t first, uint32_t n) {
-        if (!grow(mem_.runs, mem_.cap_runs, nruns_ + 1, sizeof(uint32_t[2]))) return false;
-        mem_.runs[nruns_][0] = first;
-        mem_.runs[nruns_][1] = n;
-        ++nruns_;
-        return true;
-    }
-
-    // The change succeeded: release the runs it gave up.
-    void commit() {
-        active = prev_;
-        for (uint32_t i = 0; i < nruns_; ++i) bdb_del_dpages(h_, mem_.runs[i][0], mem_.runs[i][1]);
-        clear();
-        active = this;
-    }
-
-    // The change failed: put back every page image and the meta page.
-    void rollback() {
-        active = prev_;
-        const uint32_t saved_error = h_->error;
-        for (uint32_t i = npages_; i-- > 0;) {
-            const SavedPage &sp = mem_.pages[i];
-            if (sp.fresh) {
-                bdb_inval_cache_pg(h_, sp.pgno);
-                continue;
-            }
-            const uint8_t *img = mem_.images + static_cast<size_t>(sp.slot) * kPageSize;
-            auto *buf = static_cast<uint8_t *>(bdb_cache_pg(h_, sp.pgno));
-            if (buf) {
-                copy_used(buf, img);
-                reinterpret_cast<bdb_page *>(buf)->flags &= ~BDB_PGBUSY;
-                bdb_cache_dirty(h_, sp.pgno);
-            } else {
-                // No buffer could be freed for it: write the image straight
-                // to the file instead.
-                alignas(8) uint8_t tmp[kPageSize];
-                std::memset(tmp, 0, kPageSize);
-                copy_used(tmp, img);
-                reinterpret_cast<bdb_page *>(tmp)->flags &= ~BDB_PGBUSY;
-                if (h_->flags & BDB_F_SWAPPED) bdb_pgswap(tmp, 1);
-                if (bdb_write_dpage(h_, sp.pgno, tmp, kPageSize) < 0) bdb_errlog(h_, "rollback write failed");
-            }
-        }
-        if (meta_saved_) {
-            std::memcpy(h_->meta, mem_.meta, kPageSize);
-            *h_->state_ref |= BDB_METADIRTY;
-        }
-        h_->error = saved_error;
-        clear();
-        active = this;
-    }
-
-private:
-    // Copies the header and slots, and the entry area, of a page image; the
-    // free gap between them carries nothing.
-    static void copy_used(uint8_t *dst, const uint8_t *src) {
-        const auto *p = reinterpret_cast<const bdb_page *>(src);
-        uint64_t head = kHeaderSize + static_cast<uint64_t>(kSlotSize) * p->nslots;
-        uint32_t ds = p->datastart;
-        if (head > kPageSize || ds > kPageSize || ds < head) {
-            std::memcpy(dst, src, kPageSize);
-            return;
-        }
-        std::memcpy(dst, src, static_cast<size_t>(head));
-        std::memcpy(dst + ds, src + ds, kPageSize - ds);
-    }
-
-    void clear() {
-        meta_saved_ = false;
-        npages_ = nimages_ = nruns_ = 0;
-    }
-
-    bdb_handle *h_;
-    Journal *prev_;
-    JournalMem mem_;
-    bool borrowed_ = false;
-    bool ok_ = false;
-    bool meta_saved_ = false;
-    uint32_t npages_ = 0;
-    uint32_t nimages_ = 0;
-    uint32_t nruns_ = 0;
-};
-
-Journal *journal_for(const bdb_handle *h) { return active && active->handle() == h ? active : nullptr; }
+    h->error = saved_error;
+    j.resume_empty();
+}
 
 }  // namespace
-
-namespace varlo {
-
-bool journal_page_touched(bdb_handle *h, bdb_page *page, bool fresh) {
-    Journal *j = journal_for(h);
-    if (!j || j->save_page(page, fresh)) return true;
-    h->error = BDB_E_NOMEM;
-    return false;
-}
-
-void journal_meta_touched(bdb_handle *h) {
-    if (Journal *j = journal_for(h)) j->save_meta();
-}
-
-bool journal_defer_run(bdb_handle *h, uint32_t first, uint32_t n) {
-    Journal *j = journal_for(h);
-    // Without room to remember the run it is released at once: the change
-    // then cannot restore that one value, but nothing else is affected.
-    return j && j->defer_run(first, n);
-}
-
-}  // namespace varlo
 
 // ---------------------------------------------------------------------------
 // Block moves of entries between pages
@@ -846,12 +679,9 @@ int replace(bdb_handle *h, bdb_datum *key, bdb_datum *data, uint32_t pgno, int32
     const uint32_t old_in = bdb_key_data_size(pg, idx);
     bdb_entry ne{key->ptr, key->len, data->ptr, data->len, BDB_INSERT, sl.childpg};
     if (data->len >= BDB_LONGDATA) {
-        const uint32_t n = run_pages(data->len);
         uint32_t first = 0;
-        if (bdb_alloc_dpages(h, n, &first) < 0) return SR_WRITEFAIL;
-        for (uint32_t i = 0; i < n; ++i)
-            if (bits_tstb(h->logmap, static_cast<int32_t>(first + i))) bits_clrb(h->logmap, static_cast<int32_t>(first + i));
-        if (bdb_write_dpage(h, first, data->ptr, data->len) < 0) return SR_WRITEFAIL;
+        if (alloc_data_run(h, run_pages(data->len), &first) < 0) return SR_WRITEFAIL;
+        if (write_data_run(h, first, data->ptr, data->len) < 0) return SR_WRITEFAIL;
         ne.flags |= BDB_DPAGES;
         ne.data = BDB_PAGE_PTR(first);
         if (!(pg = change_page(h, pgno))) return SR_NOPAGE;
@@ -963,7 +793,7 @@ int collapse_root(bdb_handle *h) {
         if (!p) return -1;
         if (p->nslots > 0) return 0;
         const uint32_t next = p->leftpg;
-        bdb_update_meta(h);
+        if (bdb_update_meta(h) < 0) return -1;
         h->meta->root = next;
         if (bdb_free_dpage(h, p) < 0) return -1;
     }
@@ -977,51 +807,11 @@ int grow_root(bdb_handle *h, bdb_entry *promote) {
         return -1;
     }
     const uint32_t pg = np->pgno;
-    bdb_update_meta(h);
+    if (bdb_update_meta(h) < 0) return -1;
     np->leftpg = h->meta->root;
     h->meta->root = pg;
     if (bdb_insdatum(h, np, -1, promote) < 0) return -1;
     return commit(h, np, pg) ? 0 : -1;
-}
-
-// State bits of a shared area: a change is under way (set while the database
-// mutex is held for it), and the tree was found damaged after a process died
-// during a change. The journal of a change lives in its process: when that
-// process dies with the mutex held, the other users go on with whatever the
-// change had done to the shared cache. The next change finds the mark, checks
-// the tree, and refuses every later change if it is damaged.
-constexpr uint32_t kStateChanging = 0x40;
-constexpr uint32_t kStateDamaged = 0x80;
-
-class ChangeMark {
-public:
-    explicit ChangeMark(bdb_handle *h) : h_(h), on_(h->flags & BDB_F_AREA) {
-        if (on_) *h_->state_ref |= kStateChanging;
-    }
-    ~ChangeMark() {
-        if (on_) *h_->state_ref &= ~kStateChanging;
-    }
-    ChangeMark(const ChangeMark &) = delete;
-    ChangeMark &operator=(const ChangeMark &) = delete;
-
-private:
-    bdb_handle *h_;
-    bool on_;
-};
-
-bool change_may_start(bdb_handle *h) {
-    if (!(h->flags & BDB_F_AREA)) return true;
-    uint32_t &state = *h->state_ref;
-    if (state & kStateChanging) {
-        // The mutex is ours, so whoever set the mark died during its change.
-        state &= ~kStateChanging;
-        if (bdb_check(h) != 0) state |= kStateDamaged;
-    }
-    if (state & kStateDamaged) {
-        fail(h, BDB_E_DBTYPE, "a process died during a change and left the tree damaged");
-        return false;
-    }
-    return true;
 }
 
 bool is_change(int op) {
@@ -1036,6 +826,7 @@ bool is_change(int op) {
 
 extern "C" int bdb_search(bdb_handle *h, bdb_datum *key, bdb_datum *data, int op) {
     h->stats->depth = 0;
+    if (area_check(h) < 0) return -1;
     if ((op == OP_PUT || op == OP_REPLACE || op == OP_UPDATE || op == OP_REMOVE) &&
         (key->len < 1 || key->len > BDB_MAXKEY)) {
         h->error = BDB_E_KEYSIZE;
@@ -1071,8 +862,7 @@ extern "C" int bdb_search(bdb_handle *h, bdb_datum *key, bdb_datum *data, int op
         }
     }
 
-    if (!change_may_start(h)) return -1;
-    Journal journal(h);
+    ChangeJournal journal(h);
     if (!journal.ok()) {
         h->error = BDB_E_NOMEM;
         return -1;
@@ -1112,11 +902,11 @@ extern "C" int bdb_search(bdb_handle *h, bdb_datum *key, bdb_datum *data, int op
     }
     entry_release(&promote);
     if (rc == 0) {
-        journal.commit();
+        finish(h, journal);
         if (op_in == OP_REPLACE && op == OP_PUT) h->error = BDB_E_INSERTED;
         return 0;
     }
-    journal.rollback();
+    undo(h, journal);
     if (op_in == OP_REMOVE && data->ptr) {
         std::free(data->ptr);
         data->ptr = nullptr;

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "bdb_int.h"
+#include "preimage.h"
 
 using namespace varlo;
 
@@ -133,43 +133,83 @@ uint32_t count_free_pages(const bdb_handle *h) {
 // Page allocation
 // ---------------------------------------------------------------------------
 
-extern "C" int bdb_alloc_dpages(bdb_handle *h, uint32_t n, uint32_t *first) {
-    const uint32_t *map = h->meta->pgmap;
+namespace {
+
+// First fit of n consecutive clear bits in map, from page 0: the first page
+// of the run, or -1 when there is none below BDB_MAXPAGES.
+int32_t first_fit(const uint32_t *map, uint32_t n) {
     const int32_t nw = static_cast<int32_t>(BDB_MAPWORDS);
     const int32_t maxp = static_cast<int32_t>(BDB_MAXPAGES);
+    if (n < 1 || n > BDB_MAXPAGES) return -1;
     int32_t start = 0;
-    bool found = false;
-    if (n >= 1 && n <= BDB_MAXPAGES) {
-        for (;;) {
-            int32_t s = bits_tstset(map, nw, start, maxp - start);
-            if (s < 0) break;
-            start += s;
-            int32_t r = bits_tstclr(map, nw, start, static_cast<int32_t>(n));
-            if (r < 0) break;
-            if (static_cast<uint32_t>(r) >= n) {
-                found = true;
-                break;
-            }
-            start += r;
-        }
+    for (;;) {
+        int32_t s = bits_tstset(map, nw, start, maxp - start);
+        if (s < 0) return -1;
+        start += s;
+        int32_t r = bits_tstclr(map, nw, start, static_cast<int32_t>(n));
+        if (r < 0) return -1;
+        if (static_cast<uint32_t>(r) >= n) return start;
+        start += r;
     }
-    if (!found) {
-        errno = ENOSPC;
-        fail(h, BDB_E_FULL, "db too big - no room in meta");
-        return -1;
-    }
-    uint32_t pg = static_cast<uint32_t>(start);
+}
+
+// Takes the run [pg, pg + n): the file grows to hold it, then the meta
+// page's log point, then the map.
+int take_run(bdb_handle *h, uint32_t pg, uint32_t n, uint32_t *first) {
     if (pg + n > *h->npages_ref && bdb_extend(h, pg + n) < 0) return -1;
-    bdb_update_meta(h);
+    if (bdb_update_meta(h) < 0) return -1;
     for (uint32_t i = 0; i < n; ++i) bits_setb(h->meta->pgmap, static_cast<int32_t>(pg + i));
     *first = pg;
     return 0;
 }
 
+}  // namespace
+
+extern "C" int bdb_alloc_dpages(bdb_handle *h, uint32_t n, uint32_t *first) {
+    const int32_t start = first_fit(h->meta->pgmap, n);
+    if (start < 0) {
+        errno = ENOSPC;
+        fail(h, BDB_E_FULL, "db too big - no room in meta");
+        return -1;
+    }
+    return take_run(h, static_cast<uint32_t>(start), n, first);
+}
+
+namespace varlo {
+
+// A long value is written straight to its run, so a run over pages that the
+// last sync left in use would have to wait for their images to reach the
+// meta log durably (one fsync each time). The run therefore goes first fit
+// among pages that are free now and were free at the last sync as well (the
+// log map marks the others); only when there is no such run does it take
+// pages freed since, as bdb_alloc_dpages would, and pay for the log.
+int alloc_data_run(bdb_handle *h, uint32_t n, uint32_t *first) {
+    if (metalog_active(h)) {
+        uint32_t both[BDB_MAPWORDS];
+        for (uint32_t w = 0; w < BDB_MAPWORDS; ++w) both[w] = h->meta->pgmap[w] | h->logmap[w];
+        const int32_t start = first_fit(both, n);
+        if (start >= 0) return take_run(h, static_cast<uint32_t>(start), n, first);
+    }
+    return bdb_alloc_dpages(h, n, first);
+}
+
+// Writes a long value to its new run. The meta log takes what it needs
+// first (bdb_write_dpage); any bit still set then is cleared as for every
+// new page (nothing of it is left to log).
+int write_data_run(bdb_handle *h, uint32_t first, const void *data, uint32_t len) {
+    if (bdb_write_dpage(h, first, data, len) < 0) return -1;
+    const uint32_t n = run_pages(len);
+    for (uint32_t i = 0; i < n; ++i)
+        if (bits_tstb(h->logmap, static_cast<int32_t>(first + i))) bits_clrb(h->logmap, static_cast<int32_t>(first + i));
+    return 0;
+}
+
+}  // namespace varlo
+
 extern "C" int bdb_free_dpage(bdb_handle *h, bdb_page *page) {
     uint32_t pg = page->pgno;
     if (!journal_page_touched(h, page, false)) return -1;
-    bdb_update_meta(h);
+    if (bdb_update_meta(h) < 0) return -1;
     bits_clrb(h->meta->pgmap, static_cast<int32_t>(pg));
     bdb_inval_cache_pg(h, pg);
     return 0;
@@ -224,14 +264,11 @@ extern "C" int bdb_insdatum(bdb_handle *h, bdb_page *page, int32_t pos, bdb_entr
     if (long_value && !(flags & BDB_DPAGES)) {
         uint32_t n = run_pages(e->datalen);
         uint32_t first = 0;
-        if (bdb_alloc_dpages(h, n, &first) < 0) {
+        if (alloc_data_run(h, n, &first) < 0) {
             entry_release(e);
             return -1;
         }
-        for (uint32_t i = 0; i < n; ++i) {
-            if (bits_tstb(h->logmap, static_cast<int32_t>(first + i))) bits_clrb(h->logmap, static_cast<int32_t>(first + i));
-        }
-        if (bdb_write_dpage(h, first, e->data, e->datalen) < 0) {
+        if (write_data_run(h, first, e->data, e->datalen) < 0) {
             bdb_del_dpages(h, first, n);
             entry_release(e);
             return -1;
@@ -333,7 +370,7 @@ extern "C" int bdb_deldata(bdb_handle *h, bdb_page *page, int32_t idx, int mode)
 extern "C" int bdb_del_dpages(bdb_handle *h, uint32_t first, uint32_t n) {
     if (n == 0) return 0;
     if (journal_defer_run(h, first, n)) return 0;
-    bdb_update_meta(h);
+    if (bdb_update_meta(h) < 0) return -1;
     for (uint32_t i = 0; i < n; ++i) bits_clrb(h->meta->pgmap, static_cast<int32_t>(first + i));
     return 0;
 }

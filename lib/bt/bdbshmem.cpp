@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <pthread.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -17,7 +18,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "bdb_int.h"
+#include "preimage.h"
 
 using namespace varlo;
 
@@ -461,17 +462,22 @@ int bdb_do_close(bdb_handle *h) {
     int rc = -1;
     if (h->fd != -1) {
         rc = (h->flags & BDB_F_LOCKED) ? bdb_lock(h, BDB_UNLOCK, 3) : 0;
-        if (::close(h->fd) < 0) {
+        metalog_close(h);
+        if (sysio.close(h->fd) < 0) {
             h->error = BDB_E_IO;
             bdb_errlog(h, "db close");
         }
         h->fd = -1;
     }
     if ((h->flags & BDB_F_DESTROY) && rc != -1) {
-        if (::remove(h->name) < 0) {
+        if (sysio.unlink(h->name) < 0) {
             h->error = BDB_E_IO;
             bdb_errlog(h, "db destroy");
             rc = -1;
+        } else {
+            // The database's meta log goes with it.
+            const std::string log = std::string(h->name) + kLogSuffix;
+            (void)sysio.unlink(log.c_str());
         }
     }
     return rc;
@@ -497,6 +503,7 @@ int bdb_add_thread(bdb_hndl_entry *entry, bdb_handle *h) {
     }
     const bdb_handle *first = entry->handles[0];
     h->fd = first->fd;
+    h->mlog = first->mlog;
     h->blksize = first->blksize;
     h->npages = first->npages;
     h->state = first->state;

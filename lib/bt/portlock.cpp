@@ -14,25 +14,14 @@
 #include <cerrno>
 #include <fcntl.h>
 
+
 #include "bdb_int.h"
 
 using namespace varlo;
 
 namespace {
 
-int set_lock(int fd, short type) {
-    struct flock fl {};
-    fl.l_type = type;
-    fl.l_whence = SEEK_SET;
-    fl.l_start = 0;
-    fl.l_len = BDB_PGSIZE;
-    fl.l_pid = 0;
-    int r;
-    do {
-        r = ::fcntl(fd, F_OFD_SETLK, &fl);
-    } while (r < 0 && errno == EINTR);
-    return r;
-}
+int set_lock(int fd, short type) { return sysio.lock(fd, type); }
 
 }  // namespace
 

@@ -1,0 +1,46 @@
+// The file I/O seam: every system call that the library makes on a database
+// file or on its meta log goes through `sysio`, so that tests can fail any
+// call or simulate a crash. Production code uses the system calls as they are.
+#ifndef VARLO_FILEIO_H
+#define VARLO_FILEIO_H
+
+#include <cstddef>
+#include <cstdint>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+namespace varlo {
+
+struct SysIo {
+    int (*open)(const char *path, int flags, mode_t mode);
+    int (*close)(int fd);
+    ssize_t (*pread)(int fd, void *buf, size_t n, off_t off);
+    ssize_t (*pwrite)(int fd, const void *buf, size_t n, off_t off);
+    int (*fsync)(int fd);
+    int (*ftruncate)(int fd, off_t len);
+    int (*fstat)(int fd, struct stat *st);
+    int (*unlink)(const char *path);
+    // Record lock of bytes 0 to 8191 of the open file description, taken
+    // without waiting: F_RDLCK, F_WRLCK or F_UNLCK.
+    int (*lock)(int fd, short type);
+    // A shared read-write (or read-only) mapping of len bytes at off; null
+    // on failure.
+    void *(*map)(int fd, size_t len, off_t off, bool writable);
+    int (*unmap)(void *addr, size_t len);
+};
+extern SysIo sysio;
+// Puts the system calls back (tests call it after injecting faults).
+void sysio_reset();
+
+// Transfers of exactly n bytes at off, continued after EINTR and short
+// counts: 0, or -1 with errno set (EIO for a read that meets the end of the
+// file, ENOSPC for a write that makes no progress).
+int read_full(int fd, void *buf, size_t n, off_t off);
+int write_full(int fd, const void *buf, size_t n, off_t off);
+
+// Makes a new name in the folder of path durable (fsync of the folder).
+int sync_parent_dir(const char *path);
+
+}  // namespace varlo
+
+#endif  // VARLO_FILEIO_H
