@@ -196,6 +196,10 @@ int32_t bits_tstclr(const uint32_t *map, int32_t nwords, int32_t start, int32_t 
 int32_t bits_tstset(const uint32_t *map, int32_t nwords, int32_t start, int32_t max);
 extern const int32_t _zeroes[16];
 
+// Fills the meta page of a new database (empty tree, only page 0 in use) in
+// machine order; mode is BDB_SHARED or BDB_PRIVATE. bdb_create and the ndbm
+// layer's creation write it.
+void init_meta(bdb_meta *m, uint32_t mode);
 // Copies the allocation map into the log map (open and sync).
 void refresh_logmap(bdb_handle *h);
 // Free pages below BDB_MAXPAGES, counted exactly (slow; used near a full file).
