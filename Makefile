@@ -1,6 +1,7 @@
 # varlo: `make run` (build and run the example), `make test` (all tests, then
 # again under AddressSanitizer + UndefinedBehaviorSanitizer, and the thread
-# tests under ThreadSanitizer), `make bench`, `make soak`.
+# tests under ThreadSanitizer), `make bench`, `make soak`, `make install`
+# (PREFIX, default /usr/local; DESTDIR honoured), `make package` (a .deb).
 SHELL := /bin/bash
 MAKEFLAGS += --no-print-directory
 JOBS ?= 2
@@ -8,19 +9,24 @@ BUILD := build
 ASAN := build-asan
 TSAN := build-tsan
 RELEASE := build-release
+PACKAGE := build-package
+PREFIX ?= /usr/local
 CMAKE_FLAGS := -DVARLO_WERROR=ON
 SOAK ?= 10
 
-.PHONY: run test test-plain test-asan test-tsan bench soak deps clean
+.PHONY: run test test-plain test-asan test-tsan bench soak install package deps clean
 
-# Everything the two main targets need; installed when missing (as root with
-# apt-get), or the exact command to run is printed.
+# Everything the targets need, as COMMAND:PACKAGE (or /FILE:PACKAGE);
+# installed when missing (as root with apt-get), or the exact command to run
+# is printed. `make package` adds PACKAGE_DEPS.
+DEPS := cmake:cmake g++:g++ make:make pkg-config:pkg-config /usr/include/gtest/gtest.h:libgtest-dev
+PACKAGE_DEPS := dpkg-deb:dpkg dpkg-shlibdeps:dpkg-dev
 deps:
 	@missing=""; \
-	command -v cmake >/dev/null 2>&1 || missing="$$missing cmake"; \
-	command -v g++ >/dev/null 2>&1 || missing="$$missing g++"; \
-	command -v make >/dev/null 2>&1 || missing="$$missing make"; \
-	[ -f /usr/include/gtest/gtest.h ] || missing="$$missing libgtest-dev"; \
+	for d in $(DEPS) $(EXTRA_DEPS); do \
+	  what=$${d%%:*}; \
+	  case "$$what" in /*) [ -e "$$what" ];; *) command -v "$$what" >/dev/null 2>&1;; esac || missing="$$missing $${d#*:}"; \
+	done; \
 	if [ -n "$$missing" ]; then \
 	  if [ "$$(id -u)" = 0 ] && command -v apt-get >/dev/null 2>&1; then \
 	    echo "installing:$$missing"; \
@@ -61,6 +67,22 @@ bench: deps
 	cmake --build $(RELEASE) -j$(JOBS) --target varlo_bench
 	./$(RELEASE)/bench/varlo_bench $(BENCH_ARGS)
 
+# The library, headers, tools, varlo.pc and the CMake package under PREFIX
+# (DESTDIR prepended, for staged installs); a Release build of its own.
+install: deps
+	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DVARLO_TESTS=OFF -DCMAKE_INSTALL_PREFIX=$(PREFIX) >/dev/null
+	cmake --build $(RELEASE) -j$(JOBS)
+	DESTDIR="$(DESTDIR)" cmake --install $(RELEASE)
+	@if [ -z "$(DESTDIR)" ] && [ "$$(id -u)" = 0 ] && command -v ldconfig >/dev/null; then ldconfig; fi
+
+# A Debian package of the same files under /usr: $(PACKAGE)/varlo_*.deb.
+package:
+	@$(MAKE) deps EXTRA_DEPS="$(PACKAGE_DEPS)"
+	cmake -S . -B $(PACKAGE) -DCMAKE_BUILD_TYPE=Release -DVARLO_TESTS=OFF -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
+	cmake --build $(PACKAGE) -j$(JOBS)
+	cd $(PACKAGE) && cpack -G DEB
+	@ls $(PACKAGE)/*.deb
+
 # Longer runs of the model-based tests: SOAK times the seeds and batches.
 soak: deps
 	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
@@ -68,4 +90,4 @@ soak: deps
 	cd $(BUILD) && VARLO_SOAK=$(SOAK) ctest --output-on-failure -j$(JOBS) -L model --timeout 7200
 
 clean:
-	rm -rf $(BUILD) $(ASAN) $(TSAN) $(RELEASE)
+	rm -rf $(BUILD) $(ASAN) $(TSAN) $(RELEASE) $(PACKAGE)

@@ -1,16 +1,20 @@
 // The command-line tools as a user runs them: a dump / load / dump round
 // trip, varlo_check on a sound and a damaged file, dumps that must be
-// refused, and bad arguments.
+// refused, a compacted copy, and bad arguments.
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <random>
 
 #include "test_util.h"
 
 namespace {
 
 using Records = std::map<std::string, std::string>;
-const std::string kCheck = VARLO_CHECK_BIN, kDump = VARLO_DUMP_BIN, kLoad = VARLO_LOAD_BIN, kStat = VARLO_STAT_BIN;
+const std::string kCheck = VARLO_CHECK_BIN, kDump = VARLO_DUMP_BIN, kLoad = VARLO_LOAD_BIN, kStat = VARLO_STAT_BIN,
+                  kCopy = VARLO_COPY_BIN;
 
 std::string slurp(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
@@ -87,14 +91,71 @@ TEST(Tools, LoadRefusesABadDumpAndCreatesNothing) {
     }
 }
 
-TEST(Tools, BadArgumentsExitOne) {
+// A copy of a database grown by inserts in random order is smaller, holds
+// the same records, passes the check, and takes changes like any database.
+TEST(Tools, CopyIsCompactCompleteAndChecked) {
     vt::TempDir dir;
-    for (const std::string &tool : {kStat, kCheck, kDump, kLoad})
-        for (const char *args : {"", " -x a.db", " a.db b.db", " a.db -f"}) {
+    Records recs = sample();
+    std::mt19937 rng(16);
+    for (int i = 0; i < 20000; ++i) recs["r" + std::to_string(rng())] = std::string(rng() % 200, 'v');
+    std::vector<std::pair<std::string, std::string>> order(recs.begin(), recs.end());
+    std::shuffle(order.begin(), order.end(), rng);
+    const std::string src = dir.file("src.db"), dst = dir.file("dst.db");
+    bdb_handle *h = vt::create_open(src);
+    ASSERT_NE(h, nullptr);
+    for (const auto &[k, v] : order) ASSERT_EQ(vt::put(h, k, v), 0);
+    ASSERT_EQ(bdb_close(h), 0);
+    Result r = run(dir, kCopy + " " + src + " " + dst);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_LT(std::filesystem::file_size(dst), std::filesystem::file_size(src) * 3 / 4);
+    EXPECT_EQ(run(dir, kCheck + " " + dst).status, 0);
+    EXPECT_EQ(run(dir, kCopy + " " + src + " " + dst).status, 1);  // an existing DST is refused
+    ASSERT_NE(h = vt::open_db(dst), nullptr);
+    const auto got = vt::walk(h);
+    EXPECT_EQ(Records(got.begin(), got.end()), recs);
+    for (size_t i = 0; i < order.size(); i += 2) ASSERT_EQ(vt::del(h, order[i].first), 0);
+    for (int i = 0; i < 3000; ++i) ASSERT_EQ(vt::replace(h, "n" + std::to_string(rng()), std::string(rng() % 300, 'n')), 0);
+    EXPECT_EQ(bdb_check(h), 0);
+    EXPECT_EQ(bdb_close(h), 0);
+}
+
+// The bulk load behind varlo_copy: a load that fails midway (keys out of
+// order, or a source that gives up) leaves the database empty and sound.
+TEST(Tools, FailedBulkLoadLeavesTheDatabaseEmpty) {
+    vt::TempDir dir;
+    bdb_handle *h = vt::create_open(dir.file("b.db"));
+    ASSERT_NE(h, nullptr);
+    for (int stop_at : {7000, -1}) {  // give up at record 7000 / record 7000 out of order
+        struct Src { int i, stop; std::string k, v; } src{0, stop_at, "", ""};
+        auto next = [](void *c, bdb_datum *k, bdb_datum *d) {
+            auto *s = static_cast<Src *>(c);
+            if (s->i == s->stop) return -1;
+            s->k = "k" + std::to_string(s->i == 7000 ? 1000000 : 1000000 + s->i), s->v.assign(s->i % 700 ? 50 : 3000, 'v');
+            *k = vt::datum(s->k), *d = vt::datum(s->v);
+            return ++s->i > 9000 ? 0 : 1;
+        };
+        EXPECT_EQ(bdb_bulk_load(h, next, &src), -1);
+        EXPECT_EQ(bdb_error(h), stop_at < 0 ? BDB_E_PARAM : 0u);
+        EXPECT_EQ(bdb_sync(h), 0);
+        EXPECT_EQ(bdb_check(h), 0);
+        EXPECT_EQ(h->meta->root, 0u);
+        EXPECT_EQ(std::filesystem::file_size(dir.file("b.db")), BDB_PGSIZE);
+    }
+    EXPECT_EQ(bdb_close(h), 0);
+}
+
+TEST(Tools, BadArgumentsExitOneHelpAndVersionZero) {
+    vt::TempDir dir;
+    for (const std::string &tool : {kStat, kCheck, kDump, kLoad, kCopy}) {
+        const bool two = tool == kCopy;  // varlo_copy takes SRC and DST
+        for (const char *args : {"", " -x a.db", two ? " a.db" : " a.db b.db", two ? " a b c" : " a.db -f"}) {
             const Result r = run(dir, tool + args);
             EXPECT_EQ(r.status, 1) << tool << args;
             EXPECT_NE(r.err.find("usage: "), std::string::npos) << r.err;
         }
+        EXPECT_EQ(run(dir, tool + " --help").status, 0) << tool;
+        EXPECT_EQ(run(dir, tool + " -V").status, 0) << tool;
+    }
 }
 
 }  // namespace

@@ -7,34 +7,47 @@
 #include <string.h>
 #include <unistd.h>
 
+static void print_version(void) {
+    printf("%s\n", VARLO_VERSION_STRING);
+    exit(0);
+}
+
+static int help_asked; /* --help: the usage goes to standard output, exit 0 */
+
 void tool_usage(const char *args, const char *options) {
-    fprintf(stderr,
+    fprintf(help_asked ? stdout : stderr,
             "usage: %s [-V] [-s] %s\n"
             "  -V       print the library version and exit\n"
             "  -s       open in shared mode (default: private)\n"
+            "  --help   print this help and exit\n"
             "%s",
             tool_prog, args, options);
-    exit(1);
+    exit(help_asked ? 0 : 1);
 }
 
-const char *tool_args(int argc, char **argv, const char *own, int (*on_option)(int c, const char *arg), int *mode,
-                      void (*usage)(void)) {
+char **tool_args(int argc, char **argv, int nargs, const char *own, int (*on_option)(int c, const char *arg),
+                 int *mode, void (*usage)(void)) {
     char opts[32] = "Vs";
-    int c;
+    int c, i;
     if (own) strncat(opts, own, sizeof opts - 3);
     *mode = BDB_PRIVATE;
-    while ((c = getopt(argc, argv, opts)) != -1) {
-        if (c == 'V') {
-            printf("%s\n", VARLO_VERSION_STRING);
-            exit(0);
+    /* The long options, before getopt sees them (up to a "--"). */
+    for (i = 1; i < argc && strcmp(argv[i], "--") != 0; ++i) {
+        if (strcmp(argv[i], "--help") == 0) {
+            help_asked = 1;
+            usage();
         }
+        if (strcmp(argv[i], "--version") == 0) print_version();
+    }
+    while ((c = getopt(argc, argv, opts)) != -1) {
+        if (c == 'V') print_version();
         if (c == 's')
             *mode = BDB_SHARED;
         else if (!on_option || on_option(c, optarg) != 0)
             usage();
     }
-    if (argc - optind != 1) usage();
-    return argv[optind];
+    if (argc - optind != nargs) usage();
+    return argv + optind;
 }
 
 void tool_fail(const char *call, uint32_t code) {

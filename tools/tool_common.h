@@ -9,17 +9,18 @@
 
 extern const char *tool_prog;
 
-/* Prints "usage: <prog> [-V] [-s] <args>", the -V and -s lines and the
- * tool's own option lines (may be ""), and exits 1. */
+/* Prints "usage: <prog> [-V] [-s] <args>", the -V, -s and --help lines and
+ * the tool's own option lines (may be ""), and exits 1 (on standard error);
+ * asked for with --help it prints to standard output and exits 0. */
 void tool_usage(const char *args, const char *options);
 
-/* Parses the command line: -V prints the library version and exits 0, -s
- * sets *mode to BDB_SHARED (it starts BDB_PRIVATE), the letters of `own`
- * (getopt syntax) go to on_option (which returns 0 when it took the option).
- * Anything else, or not exactly one argument left, calls usage. Returns the
- * argument (the database). */
-const char *tool_args(int argc, char **argv, const char *own, int (*on_option)(int c, const char *arg), int *mode,
-                      void (*usage)(void));
+/* Parses the command line: --help calls usage, -V (or --version) prints the
+ * library version and exits 0, -s sets *mode to BDB_SHARED (it starts
+ * BDB_PRIVATE), the letters of `own` (getopt syntax) go to on_option (which
+ * returns 0 when it took the option). Anything else, or not exactly nargs
+ * arguments left, calls usage. Returns the arguments. */
+char **tool_args(int argc, char **argv, int nargs, const char *own, int (*on_option)(int c, const char *arg),
+                 int *mode, void (*usage)(void));
 
 /* Prints "<call> failed: 0x<code> <message>" on stderr. */
 void tool_fail(const char *call, uint32_t code);

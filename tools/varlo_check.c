@@ -29,7 +29,7 @@ int main(int argc, char **argv) {
 
     bdb_handle *h;
 
-    const char *arg = tool_args(argc, argv, NULL, NULL, &mode, usage);
+    const char *arg = tool_args(argc, argv, 1, NULL, NULL, &mode, usage)[0];
 
     h = tool_open(arg, BDB_RDONLY, mode);
     if (!h) {

@@ -83,7 +83,7 @@ int main(int argc, char **argv) {
     bdb_handle *h;
     FILE *out = stdout;
 
-    const char *arg = tool_args(argc, argv, "f:", option, &mode, usage);
+    const char *arg = tool_args(argc, argv, 1, "f:", option, &mode, usage)[0];
 
     h = tool_open(arg, BDB_RDONLY, mode);
     if (!h) {

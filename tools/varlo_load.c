@@ -21,6 +21,9 @@
  *
  * Standard input that cannot be read twice (a pipe) is copied to a temporary
  * file while it is checked.
+ *
+ * When standard error is a terminal and storing takes longer than a second,
+ * a progress line ("N of M records (P%)") is kept up to date there.
  */
 #define _POSIX_C_SOURCE 200809L
 
@@ -30,6 +33,7 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "bdb.h"
@@ -51,6 +55,31 @@ static int option(int c, const char *arg) {
 }
 
 static void usage(void) { tool_usage("[-n] [-f FILE] DB", "  -n       refuse to load into an existing database\n  -f FILE  read the dump from FILE (default: standard input)\n"); }
+
+/* The progress line: shown from one second into storing on, at most four
+ * times a second, and only on a terminal. */
+static struct {
+    int on, shown;
+    unsigned long long total;
+    struct timespec start, last;
+} prog;
+
+static double seconds_since(const struct timespec *t, const struct timespec *now) {
+    return (double)(now->tv_sec - t->tv_sec) + (double)(now->tv_nsec - t->tv_nsec) / 1e9;
+}
+
+/* Called after each record stored (done of prog.total), and with last set
+ * when storing ends, well or not. */
+static void progress(unsigned long long done, int last) {
+    struct timespec now;
+    if (!prog.on || (!last && done % 512 != 0) || (last && !prog.shown)) return;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    if (!last && seconds_since(prog.shown ? &prog.last : &prog.start, &now) < (prog.shown ? 0.25 : 1.0)) return;
+    fprintf(stderr, "\r%s: %llu of %llu records (%llu%%)%s", tool_prog, done, prog.total,
+            prog.total ? done * 100 / prog.total : 100, last ? "\n" : "");
+    prog.shown = 1;
+    prog.last = now;
+}
 
 /* The value of a hex digit, or -1. */
 static int digit(char c) {
@@ -193,13 +222,16 @@ static int scan(struct reader *r, bdb_handle *h, unsigned long long *count) {
             val.ptr = sp + 1;
             val.len = (uint32_t)(vlen / 2);
             if (bdb_replace(h, &key, &val) < 0) {
+                progress(n, 1);
                 fprintf(stderr, "%s:%lu: ", r->src, r->lineno);
                 tool_fail("bdb_replace", bdb_error(h));
                 return -2;
             }
         }
         ++n;
+        if (h) progress(n, 0);
     }
+    if (h) progress(n, 1);
     st = next_line(r, &len);
     if (st == LINE_OK) {
         fprintf(stderr, "%s:%lu: data after the trailer\n", r->src, r->lineno);
@@ -226,7 +258,7 @@ int main(int argc, char **argv) {
     FILE *in = stdin, *copy = NULL;
     bdb_handle *h;
 
-    const char *arg = tool_args(argc, argv, "nf:", option, &mode, usage);
+    const char *arg = tool_args(argc, argv, 1, "nf:", option, &mode, usage)[0];
     db = arg;
     memset(&rd, 0, sizeof rd);
 
@@ -282,6 +314,9 @@ int main(int argc, char **argv) {
         rc = 1;
         goto done;
     }
+    prog.on = isatty(STDERR_FILENO);
+    prog.total = count;
+    clock_gettime(CLOCK_MONOTONIC, &prog.start);
     st = scan(&rd, h, &count);
     if (st == 0 && bdb_sync(h) < 0) {
         tool_fail("bdb_sync", bdb_error(h));

@@ -65,7 +65,7 @@ int main(int argc, char **argv) {
     bdb_handle *h;
     const bdb_stats *s;
 
-    const char *arg = tool_args(argc, argv, NULL, NULL, &mode, usage);
+    const char *arg = tool_args(argc, argv, 1, NULL, NULL, &mode, usage)[0];
     path = arg;
 
     h = tool_open(path, BDB_RDONLY, mode);

@@ -174,16 +174,8 @@ int bdb_create(const char *path, int mode, uint32_t *err) {
         *err = h->error;
         return failed();
     }
-    // The words at offsets 4, 12 and 16 are written as 1, 1 and 0 and never
-    // read back: they carry no meaning.
     bdb_meta *m = h->meta;
-    std::memset(m, 0, kPageSize);
-    bits_setb(m->pgmap, 0);
-    m->magic = BDB_MAGIC;
-    m->reserved1 = 1;
-    m->mode = static_cast<uint32_t>(mode);
-    m->reserved3 = 1;
-    m->root = 0;
+    init_meta(m, static_cast<uint32_t>(mode));
     *h->npages_ref = 1;
     if (bdb_write_dpage(h, 0, m, kPageSize) < 0 || bdb_do_sync(h) < 0 || sync_parent_dir(path) < 0 ||
         bdb_lock(h, BDB_UNLOCK, 3) < 0) {

@@ -534,6 +534,40 @@ const char *bdb_get_dbname(bdb_handle *h);
  */
 int bdb_check(bdb_handle *h);
 
+/*
+ * The source of records of bdb_bulk_load: stores the next record in *key and
+ * *data and returns 1, returns 0 after the last record, or a negative value
+ * to abandon the load. The bytes must stay valid until the next call. It is
+ * called with the database mutex held and must not use the loading handle.
+ */
+typedef int (*bdb_bulk_next_fn)(void *ctx, bdb_datum *key, bdb_datum *data);
+
+/*
+ * Builds the tree of an empty database bottom-up from records delivered in
+ * strictly ascending key order (the handle's compare function), so that
+ * every page is full: a page takes records while they fit (the room rule of
+ * bdb_data_fits), and the record that does not fit goes one level up as the
+ * separator whose child is the next page of its level, recursively. Every
+ * record is stored once, in a leaf or an inner page; leaves are all at one
+ * depth; the last page of a level may be partly filled, and the child of the
+ * last separator of a level may be 0 (an empty subtree). Inserting in key
+ * order through bdb_put instead leaves pages half full.
+ *
+ * h: a read-write handle of a database without records; it holds the
+ * database mutex for the whole load. next/ctx: the record source above.
+ * Values of 2048 bytes and more go on data pages as with bdb_put.
+ *
+ * Returns 0 when every record is stored; the tree reaches the file with the
+ * next bdb_sync or bdb_close. On failure returns -1 and leaves the database
+ * empty again (every page the load took is free, nothing written is
+ * reachable), with the code in the handle: BDB_E_RDONLY (read-only handle),
+ * BDB_E_PARAM (NULL next, a database that holds records, keys not strictly
+ * ascending, a NULL pointer with a nonzero length; reported), BDB_E_KEYSIZE
+ * (a key outside 1..1024 bytes), BDB_E_FULL, BDB_E_NOMEM, or the write codes
+ * of page storage. When next abandons the load the code is left as it was.
+ */
+int bdb_bulk_load(bdb_handle *h, bdb_bulk_next_fn next, void *ctx);
+
 /* ------------------------------------------------------------------------ */
 /* Locks, sync and transactions                                              */
 /* ------------------------------------------------------------------------ */

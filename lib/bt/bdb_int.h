@@ -233,6 +233,10 @@ void meta_file_image(const bdb_handle *h, void *out);
 // REQUIRES the database mutex.
 int area_check(bdb_handle *h);
 
+// Fills the meta page of a new database (empty tree, only page 0 in use) in
+// machine order; mode is BDB_SHARED or BDB_PRIVATE. bdb_create and the ndbm
+// layer's creation write it.
+void init_meta(bdb_meta *m, uint32_t mode);
 // Copies the allocation map into the log map (open and sync).
 void refresh_logmap(bdb_handle *h);
 // Free pages below BDB_MAXPAGES, counted exactly (slow; used near a full file).

@@ -12,6 +12,22 @@
 using namespace varlo;
 
 // ---------------------------------------------------------------------------
+// The meta page of a new database
+// ---------------------------------------------------------------------------
+
+// The words at offsets 4, 12 and 16 are written as 1, 1 and 0 and never read
+// back: they carry no meaning.
+void varlo::init_meta(bdb_meta *m, uint32_t mode) {
+    std::memset(m, 0, kPageSize);
+    bits_setb(m->pgmap, 0);
+    m->magic = BDB_MAGIC;
+    m->reserved1 = 1;
+    m->mode = mode;
+    m->reserved3 = 1;
+    m->root = 0;
+}
+
+// ---------------------------------------------------------------------------
 // Byte order
 // ---------------------------------------------------------------------------
 
