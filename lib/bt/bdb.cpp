@@ -541,9 +541,13 @@ int bdb_do_sync(bdb_handle *h) {
         ChangeMark mark(h);
         const uint32_t pages = bdb_find_max_page_number(h);
         alignas(8) uint8_t image[kPageSize];
-        if (bdb_force_cache(h) < 0) {
+        meta_file_image(h, image);
+        const bool meta_written = *h->state_ref & BDB_METADIRTY;
+        if (metalog_records(h) && metalog_intent(h, image, pages) < 0) {
             rc = -1;
-        } else if (metalog_active(h) && (meta_file_image(h, image), metalog_commit(h, image, pages) < 0)) {
+        } else if (bdb_force_cache(h) < 0) {
+            rc = -1;
+        } else if (metalog_active(h) && metalog_commit(h, meta_written ? image : nullptr, pages) < 0) {
             rc = -1;
         } else {
             refresh_logmap(h);

@@ -610,21 +610,22 @@ int restore_last_sync(bdb_handle *h, const LogScan &scan) {
     }
     std::vector<uint8_t> rec(4 + kPageSize);
     alignas(8) uint8_t page0[kPageSize];
+    if (read_full(h->fd, page0, kPageSize, 0) < 0) {
+        fail(h, BDB_E_READ, "db read");
+        return -1;
+    }
+    // The log must describe this file: page 0 is written only by a sync,
+    // after its intent is in the log, so it is the page of the last sync, the
+    // one a sync was writing, or torn by a crash during that write. Anything
+    // else means a log left beside another file: nothing is applied.
+    const uint64_t h0 = log_hash(page0, kPageSize, 0);
+    if (h0 != scan.meta_hash && !scan.has_intent) {
+        errno = 0;
+        fail(h, BDB_E_OPEN, "meta log does not describe this database file");
+        return -1;
+    }
     bool meta_logged = false;
     for (const auto &r : scan.records) meta_logged |= r.pgno == 0;
-    if (!meta_logged) {
-        // Without a record of it, the meta page in the file is the one of
-        // the last sync: a log that says otherwise is not this file's.
-        if (read_full(h->fd, page0, kPageSize, 0) < 0) {
-            fail(h, BDB_E_READ, "db read");
-            return -1;
-        }
-        if (log_hash(page0, kPageSize, 0) != scan.meta_hash) {
-            errno = 0;
-            fail(h, BDB_E_OPEN, "meta log does not describe this database file");
-            return -1;
-        }
-    }
     std::vector<uint32_t> done(BDB_MAPWORDS, 0u);
     for (const auto &r : scan.records) {
         if ((done[r.pgno >> 5] >> (r.pgno & 31)) & 1u) continue;  // the first image of a page counts
@@ -638,6 +639,8 @@ int restore_last_sync(bdb_handle *h, const LogScan &scan) {
     if (meta_logged) {
         if (write_meta(h) < 0) return -1;
     } else {
+        // Without a record of it the meta page did not change: the file's
+        // page is the synced one.
         std::memcpy(h->meta, page0, kPageSize);
         if (h->flags & BDB_F_SWAPPED) bdb_swap(h->meta, kPageSize);
     }

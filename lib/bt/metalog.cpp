@@ -50,7 +50,7 @@ struct LogControl {
     uint32_t synced_pages;  // the file's length at the last sync
     uint64_t meta_hash;     // hash of the meta page (file order) at the last sync
     uint32_t ndeferred;     // pages in the write-behind buffer
-    uint32_t spare;
+    uint8_t file_magic[4];  // the file's first word as it stands (its byte order)
     uint32_t deferred_pgno[kDeferPages];
     uint8_t deferred[kDeferPages][kPageSize];  // their images, machine order
     uint32_t lsn[BDB_MAXPAGES];  // stamp of each page's record (0 = none)
@@ -64,6 +64,12 @@ constexpr size_t round_up(size_t n, size_t to) { return (n + to - 1) / to * to; 
 constexpr size_t kControlMap = round_up(sizeof(LogControl), 4096);
 constexpr off_t kRecordsStart = kControlOffset + static_cast<off_t>(round_up(sizeof(LogControl), kPageSize));
 constexpr uint32_t kRecordBytes = kLogRecordHeader + 4 + kPageSize;
+// The intent record of a sync: the page number kIntentPage, then the hash of
+// the meta page the sync is about to write and the file's length after it.
+constexpr uint32_t kIntentPage = 0xffffffffu;
+constexpr uint32_t kIntentBytes = 16;
+
+uint64_t meta_hash_of(const void *meta_file_image) { return log_hash(meta_file_image, kPageSize, 0); }
 
 // --- little-endian fields --------------------------------------------------
 
@@ -92,7 +98,6 @@ struct Header {
     uint32_t order = kOrderMark;
     uint8_t file_magic[4] = {};  // the database's first word as it stands in the file
     uint64_t epoch = 0;
-    uint64_t ino = 0;
     uint32_t synced_pages = 0;
     uint64_t meta_hash = 0;
 };
@@ -103,7 +108,6 @@ void encode(const Header &hd, uint8_t *b) {
     put32(b + 8, kLogVersion);
     std::memcpy(b + 12, &hd.order, 4);  // the writer's own order
     put64(b + 16, hd.epoch);
-    put64(b + 24, hd.ino);
     put32(b + 32, hd.synced_pages);
     put32(b + 36, kPageSize);
     put64(b + 40, hd.meta_hash);
@@ -117,7 +121,6 @@ bool decode(const uint8_t *b, Header *hd) {
         return false;
     std::memcpy(&hd->order, b + 12, 4);
     hd->epoch = get64(b + 16);
-    hd->ino = get64(b + 24);
     hd->synced_pages = get32(b + 32);
     hd->meta_hash = get64(b + 40);
     std::memcpy(hd->file_magic, b + 48, 4);
@@ -266,16 +269,6 @@ int metalog_scan(bdb_handle *h, LogScan *scan) {
     // Records are written only after a header is durable: a log without a
     // valid header holds none.
     if (!scan->valid_header) return done(0);
-    struct stat st {};
-    if (sysio.fstat(h->fd, &st) < 0) {
-        fail(h, BDB_E_IO, "db stat");
-        return done(-1);
-    }
-    if (best.ino != static_cast<uint64_t>(st.st_ino)) {
-        errno = 0;
-        fail(h, BDB_E_OPEN, "meta log belongs to another file: move it away if that file is gone");
-        return done(-1);
-    }
     scan->epoch = best.epoch;
     scan->synced_pages = best.synced_pages;
     scan->meta_hash = best.meta_hash;
@@ -295,7 +288,8 @@ int metalog_scan(bdb_handle *h, LogScan *scan) {
         uint8_t *b = buf.data();
         if (read_full(fd, b, kLogRecordHeader, static_cast<off_t>(off)) < 0) break;
         const uint32_t len = get32(b + 4);
-        if (get32(b) != kRecMagic || get64(b + 8) != best.epoch || get32(b + 16) != seq || len != 4 + kPageSize ||
+        if (get32(b) != kRecMagic || get64(b + 8) != best.epoch || get32(b + 16) != seq ||
+            (len != 4 + kPageSize && len != 4 + kIntentBytes) ||
             off + kLogRecordHeader + len > static_cast<uint64_t>(lst.st_size))
             break;
         if (read_full(fd, b + kLogRecordHeader, len, static_cast<off_t>(off + kLogRecordHeader)) < 0) break;
@@ -305,14 +299,19 @@ int metalog_scan(bdb_handle *h, LogScan *scan) {
         uint32_t pg;
         std::memcpy(&pg, b + kLogRecordHeader, 4);
         if (scan->foreign_order) pg = __builtin_bswap32(pg);
-        if (pg >= BDB_MAXPAGES) break;
+        off += kLogRecordHeader + len;
+        if (pg == kIntentPage && len == 4 + kIntentBytes) {
+            scan->has_intent = true;
+            scan->intent_hash = get64(b + kLogRecordHeader + 4);
+            continue;
+        }
+        if (pg >= BDB_MAXPAGES || len != 4 + kPageSize) break;
         try {
-            scan->records.push_back(LogScan::Rec{pg, off + kLogRecordHeader, len});
+            scan->records.push_back(LogScan::Rec{pg, off - len, len});
         } catch (...) {
             fail(h, BDB_E_NOMEM, "meta log scan");
             return done(-1);
         }
-        off += kLogRecordHeader + len;
     }
     return done(0);
 }
@@ -342,14 +341,8 @@ namespace {
 // Writes the header of a new interval into the slot the previous one does not
 // use, durably. 0 or -1 (BDB_E_IO, "meta log commit").
 int write_header(bdb_handle *h, uint64_t epoch, uint32_t pages, uint64_t meta_hash, const void *meta_file_image) {
-    struct stat st {};
-    if (sysio.fstat(h->fd, &st) < 0) {
-        fail(h, BDB_E_IO, "db stat");
-        return -1;
-    }
     Header hd;
     hd.epoch = epoch;
-    hd.ino = static_cast<uint64_t>(st.st_ino);
     hd.synced_pages = pages;
     hd.meta_hash = meta_hash;
     std::memcpy(hd.file_magic, meta_file_image, 4);
@@ -365,7 +358,7 @@ int write_header(bdb_handle *h, uint64_t epoch, uint32_t pages, uint64_t meta_ha
 
 // The control block of a new interval: no records, every stamp given so far
 // counts as durable (the records they name are dead).
-void start_interval(LogControl *c, uint64_t epoch, uint32_t pages, uint64_t meta_hash) {
+void start_interval(LogControl *c, uint64_t epoch, uint32_t pages, uint64_t meta_hash, const void *magic) {
     c->epoch = epoch;
     c->end = kRecordsStart;
     c->nrec = 0;
@@ -377,11 +370,10 @@ void start_interval(LogControl *c, uint64_t epoch, uint32_t pages, uint64_t meta
     c->durable = c->stamp;
     c->synced_pages = pages;
     c->meta_hash = meta_hash;
+    std::memcpy(c->file_magic, magic, 4);
     c->version = kLogVersion;
     c->magic = kCtlMagic;
 }
-
-uint64_t meta_hash_of(const void *meta_file_image) { return log_hash(meta_file_image, kPageSize, 0); }
 
 }  // namespace
 
@@ -405,18 +397,20 @@ int metalog_begin(bdb_handle *h, const LogScan &scan, const void *meta_file_imag
         }
         if (write_header(h, epoch, pages, hash, meta_file_image) < 0) return -1;
     }
-    start_interval(c, epoch, pages, hash);
+    start_interval(c, epoch, pages, hash, meta_file_image);
     return 0;
 }
 
 int metalog_commit(bdb_handle *h, const void *meta_file_image, uint32_t pages) {
     bdb_metalog *m = h->mlog;
     LogControl *c = m->ctl;
-    const uint64_t hash = meta_hash_of(meta_file_image);
+    const uint64_t hash = meta_file_image ? meta_hash_of(meta_file_image) : c->meta_hash;
     if (c->nrec == 0 && c->synced_pages == pages && c->meta_hash == hash) return 0;
-    if (write_header(h, c->epoch + 1, pages, hash, meta_file_image) < 0) return -1;
+    uint8_t magic[4];
+    std::memcpy(magic, meta_file_image ? meta_file_image : c->file_magic, 4);
+    if (write_header(h, c->epoch + 1, pages, hash, magic) < 0) return -1;
     const bool cut = c->end > static_cast<uint64_t>(kRecordsStart) + kKeepRecordBytes;
-    start_interval(c, c->epoch + 1, pages, hash);
+    start_interval(c, c->epoch + 1, pages, hash, magic);
     // The dead records of a large interval are given back to the file system
     // (nothing depends on it: records of an older epoch are never read).
     if (cut) (void)sysio.ftruncate(m->fd, kRecordsStart);
@@ -433,34 +427,47 @@ uint32_t metalog_synced_pages(const bdb_handle *h) { return h->mlog->ctl->synced
 
 namespace {
 
-int append(bdb_handle *h, uint32_t pgno, const void *image) {
+// Appends a record: a page's image (n = kPageSize) or, for kIntentPage, the
+// intent of a sync.
+int append(bdb_handle *h, uint32_t pgno, const void *image, uint32_t n) {
     bdb_metalog *m = h->mlog;
     LogControl *c = m->ctl;
     uint8_t *b = m->stage;
+    const uint32_t total = kLogRecordHeader + 4 + n;
     put32(b, kRecMagic);
-    put32(b + 4, 4 + kPageSize);
+    put32(b + 4, 4 + n);
     put64(b + 8, c->epoch);
     put32(b + 16, c->nrec + 1);
     put32(b + 20, 0);
     put64(b + 24, 0);
     std::memcpy(b + kLogRecordHeader, &pgno, 4);
-    std::memcpy(b + kLogRecordHeader + 4, image, kPageSize);
-    put64(b + 24, log_hash(b, kRecordBytes, 0));
-    if (!m->writable || write_full(m->fd, b, kRecordBytes, static_cast<off_t>(c->end)) < 0) {
+    std::memcpy(b + kLogRecordHeader + 4, image, n);
+    put64(b + 24, log_hash(b, total, 0));
+    if (!m->writable || write_full(m->fd, b, total, static_cast<off_t>(c->end)) < 0) {
         fail(h, BDB_E_WRITE, "meta log write");
         return -1;
     }
-    c->end += kRecordBytes;
+    c->end += total;
     c->nrec++;
-    c->lsn[pgno] = ++c->stamp;
+    ++c->stamp;
+    if (pgno < BDB_MAXPAGES) c->lsn[pgno] = c->stamp;
     return 0;
 }
 
 }  // namespace
 
-int metalog_log_page(bdb_handle *h, uint32_t pgno, const void *file_image) { return append(h, pgno, file_image); }
+int metalog_log_page(bdb_handle *h, uint32_t pgno, const void *file_image) {
+    return append(h, pgno, file_image, kPageSize);
+}
 
-int metalog_log_meta(bdb_handle *h) { return append(h, 0, h->meta); }
+int metalog_log_meta(bdb_handle *h) { return append(h, 0, h->meta, kPageSize); }
+
+int metalog_intent(bdb_handle *h, const void *meta_file_image, uint32_t pages) {
+    uint8_t b[kIntentBytes] = {};
+    put64(b, meta_hash_of(meta_file_image));
+    put32(b + 8, pages);
+    return append(h, kIntentPage, b, kIntentBytes);
+}
 
 int metalog_flush(bdb_handle *h) {
     bdb_metalog *m = h->mlog;
@@ -489,7 +496,7 @@ int metalog_take_pages(bdb_handle *h, uint32_t pgno, uint32_t n) {
                 fail(h, BDB_E_READ, "db read");
                 return -1;
             }
-            if (append(h, p, img) < 0) return -1;
+            if (append(h, p, img, kPageSize) < 0) return -1;
         }
         clear_bit(h->logmap, p);
     }

@@ -116,8 +116,8 @@ bool journal_defer_run(bdb_handle *h, uint32_t first, uint32_t n);
 //  kLogRecords ...   records of the current interval, one after another
 //
 // Header (little-endian): magic "VARLOLOG", version, the writer's byte order
-// (0x01020304 in its own order), epoch (the interval's number), the inode
-// of the database file, the file's length in pages, a hash of its meta page
+// (0x01020304 in its own order), epoch (the interval's number), the file's
+// length in pages, a hash of its meta page
 // (as it stands in the file) and its first word (as it stands, which tells
 // the file's byte order) at the last sync, checksum.
 //
@@ -126,6 +126,8 @@ bool journal_defer_run(bdb_handle *h, uint32_t first, uint32_t n);
 // back-out record) followed by the back-out record as bdb_backout_old takes
 // it: the page number in the writer's byte order, then the page's image as
 // it stands in the file (the meta page: 8192 bytes in the writer's order).
+// A sync appends one more record before it writes the file, its intent: page
+// number 0xffffffff, the hash of the meta page it writes and the length.
 // Recovery applies the records of the header's epoch in order up to the
 // first that does not check; since a page is written in place only after
 // its record is durable, no later record can matter.
@@ -141,6 +143,8 @@ struct LogScan {
     uint64_t meta_hash = 0;     // hash of the meta page at the last sync
     bool foreign_order = false; // written by a machine of the other byte order
     bool file_swapped = false;  // the database is in the other byte order than this machine's
+    bool has_intent = false;    // a sync had begun writing the file
+    uint64_t intent_hash = 0;   // hash of the meta page that sync was writing
     struct Rec {
         uint32_t pgno;
         uint64_t off;  // offset of the back-out record in the log
@@ -168,8 +172,8 @@ int metalog_open(bdb_handle *h, bool first, bool writable, bool shared);
 void metalog_close(bdb_handle *h);
 // Reads the log of h's database through h's log, or, when h has none, by
 // name read-only: the header and the records of its interval, each checked.
-// 0 (no log file at all gives an empty scan), or -1 with a code (BDB_E_READ,
-// BDB_E_OPEN when the log names another file).
+// 0 (no log file at all gives an empty scan), or -1 with a code (BDB_E_OPEN,
+// BDB_E_NOMEM). A record that does not check ends the scan.
 int metalog_scan(bdb_handle *h, LogScan *scan);
 // Reads one back-out record of a scan into buf (rec.len bytes), converted
 // to the machine's order where the writer's order differs. 0 or -1.
@@ -180,7 +184,7 @@ int metalog_read(bdb_handle *h, const LogScan &scan, const LogScan::Rec &rec, vo
 // exactly that. 0 or -1 (BDB_E_IO).
 int metalog_begin(bdb_handle *h, const LogScan &scan, const void *meta_file_image, uint32_t pages);
 // The commit point of a sync, once the file is durable: a new interval
-// begins with the state given. Nothing is written when the interval logged
+// begins with the state given (a null image: the meta page was not written). Nothing is written when the interval logged
 // nothing and the state is unchanged. 0 or -1 (BDB_E_IO, "meta log
 // commit"): the interval goes on, and its records still describe the last
 // sync.
@@ -221,6 +225,11 @@ uint32_t metalog_deferred_count(const bdb_handle *h);
 uint32_t metalog_deferred(const bdb_handle *h, uint32_t i, const uint8_t **image);
 void metalog_clear_deferred(bdb_handle *h);
 
+// Records that a sync is about to write the file: the meta page it will
+// write (in file order) and the file's length after it. Recovery knows the
+// file from it: page 0 is then the synced meta page, this one, or torn.
+// 0 or -1 (BDB_E_WRITE).
+int metalog_intent(bdb_handle *h, const void *meta_file_image, uint32_t pages);
 // Makes every record written so far durable. 0 or -1 (BDB_E_IO, "meta log
 // fsync").
 int metalog_flush(bdb_handle *h);
