@@ -62,10 +62,15 @@ test-tsan:
 	cmake --build $(TSAN) -j$(JOBS)
 	cd $(TSAN) && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j$(JOBS) -L threads
 
+# The benchmark runs twice: first the library built without its meta log
+# (only to measure what the log costs), then the real one, which prints its
+# figures next to the first run's with the ratio.
 bench: deps
 	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DVARLO_TESTS=OFF >/dev/null
-	cmake --build $(RELEASE) -j$(JOBS) --target varlo_bench
-	./$(RELEASE)/bench/varlo_bench $(BENCH_ARGS)
+	cmake --build $(RELEASE) -j$(JOBS) --target varlo_bench varlo_bench_nolog
+	@./$(RELEASE)/bench/varlo_bench_nolog $(BENCH_ARGS) --csv=$(RELEASE)/nolog.csv >$(RELEASE)/nolog.txt || \
+	  { cat $(RELEASE)/nolog.txt; exit 1; }
+	./$(RELEASE)/bench/varlo_bench $(BENCH_ARGS) --baseline=$(RELEASE)/nolog.csv
 
 # The library, headers, tools, varlo.pc and the CMake package under PREFIX
 # (DESTDIR prepended, for staged installs); a Release build of its own.

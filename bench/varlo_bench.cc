@@ -1,7 +1,7 @@
 // varlo_bench: throughput of the record calls.
 //
 //   varlo_bench [--num=N] [--cache_mb=MB] [--mode=private|shared|threads]
-//               [--threads=T] [--db=PATH] [--check]
+//               [--threads=T] [--db=PATH] [--check] [--csv=FILE] [--baseline=FILE]
 //
 // Records are 16-byte keys (16 decimal digits of 2*i for record i, so keys of
 // 2*i+1 fall between them and are never stored) with 100-byte values (the
@@ -64,6 +64,7 @@
 #include <ctime>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <random>
 #include <string>
 #include <sys/stat.h>
@@ -90,6 +91,8 @@ struct Config {
     uint32_t threads = 2;
     std::string db;  // empty: a temporary folder
     bool check = false;
+    std::string csv;       // write "phase,us_per_op" lines here
+    std::string baseline;  // compare with such a file (the build without the meta log)
 };
 
 // ---------------------------------------------------------------------------
@@ -234,7 +237,20 @@ struct PhaseResult {
 
 class Bench {
 public:
-    explicit Bench(const Config &cfg) : cfg_(cfg), rng_(kSeed) {}
+    explicit Bench(const Config &cfg) : cfg_(cfg), rng_(kSeed) {
+        if (!cfg.baseline.empty()) {
+            std::ifstream in(cfg.baseline);
+            std::string line;
+            while (std::getline(in, line))
+                if (auto c = line.find(','); c != std::string::npos) baseline_[line.substr(0, c)] = std::stod(line.substr(c + 1));
+            if (baseline_.empty()) fail("--baseline %s: no results in it", cfg.baseline.c_str());
+        }
+        if (!cfg.csv.empty() && !(csv_ = std::fopen(cfg.csv.c_str(), "w")))
+            fail("--csv %s: %s", cfg.csv.c_str(), std::strerror(errno));
+    }
+    ~Bench() {
+        if (csv_) std::fclose(csv_);
+    }
 
     void run();
 
@@ -245,6 +261,8 @@ private:
     bdb_handle *h_ = nullptr;    // main handle of that database
     std::vector<PhaseResult> results_;
     std::vector<std::pair<std::string, long long>> sizes_;
+    std::map<std::string, double> baseline_;  // phase -> µs/op of the build without the log
+    FILE *csv_ = nullptr;
 
     uint32_t nworkers() const { return cfg_.mode == Mode::Threads ? cfg_.threads : 1; }
     int open_mode() const { return cfg_.mode == Mode::Shared ? BDB_SHARED : BDB_PRIVATE; }
@@ -364,14 +382,18 @@ private:
         print_result(results_.back());
     }
 
-    static void print_result(const PhaseResult &r) {
+    void print_result(const PhaseResult &r) {
         double us = r.seconds * 1e6 / static_cast<double>(r.ops);
         double ops_s = static_cast<double>(r.ops) / r.seconds;
         char mb[32] = "-";
         if (r.bytes_per_op)
             std::snprintf(mb, sizeof mb, "%.1f", ops_s * r.bytes_per_op / (1024.0 * 1024.0));
-        std::printf("%-13s %10.3f %12.0f %9s\n", r.name.c_str(), us, ops_s, mb);
+        std::printf("%-13s %10.3f %12.0f %9s", r.name.c_str(), us, ops_s, mb);
+        if (auto it = baseline_.find(r.name); it != baseline_.end())
+            std::printf(" %10.3f %7.2fx", it->second, us / it->second);
+        std::printf("\n");
         std::fflush(stdout);
+        if (csv_) std::fprintf(csv_, "%s,%.4f\n", r.name.c_str(), us);
     }
 
     void header(const std::string &dbpath) const;
@@ -542,9 +564,16 @@ void Bench::header(const std::string &dbpath) const {
     else
         std::printf("Mode:     %s\n", mode);
     std::printf("Database: %s\n", dbpath.c_str());
-    std::printf("-------------------------------------------------\n");
-    std::printf("phase              µs/op        ops/s      MB/s\n");
-    std::printf("-------------------------------------------------\n");
+#ifdef VARLO_BENCH_NOLOG
+    std::printf("Meta log: off (a build without it, only to measure what it costs)\n");
+#else
+    std::printf("Meta log: on\n");
+#endif
+    const char *rule = baseline_.empty() ? "-------------------------------------------------\n"
+                                         : "--------------------------------------------------------------------\n";
+    std::printf("%s", rule);
+    std::printf("phase              µs/op        ops/s      MB/s%s\n", baseline_.empty() ? "" : "     no log   ratio");
+    std::printf("%s", rule);
     std::fflush(stdout);
 }
 
@@ -636,14 +665,17 @@ void Bench::run() {
     if (arg) std::fprintf(stderr, "varlo_bench: unknown or bad argument: %s\n", arg);
     std::fprintf(stderr,
                  "usage: varlo_bench [--num=N] [--cache_mb=MB] [--mode=private|shared|threads]\n"
-                 "                   [--threads=T] [--db=PATH] [--check]\n"
+                 "                   [--threads=T] [--db=PATH] [--check] [--csv=FILE] [--baseline=FILE]\n"
                  "  --num       records of 16-byte keys and 100-byte values (default 1000000)\n"
                  "  --cache_mb  page cache of a private handle in MB (default 64)\n"
                  "  --mode      private (default), shared (BDB_SHARED) or threads (thread management)\n"
                  "  --threads   worker threads in threads mode (default 2)\n"
                  "  --db        database path (default: a new temporary folder); PATH.seq and\n"
                  "              PATH.4k are made next to it; all are removed at the end\n"
-                 "  --check     run bdb_check after overwrite, deleterandom and read4k (not timed)\n");
+                 "  --check     run bdb_check after overwrite, deleterandom and read4k (not timed)\n"
+                 "  --csv FILE  also write each phase's µs/op to FILE (phase,us)\n"
+                 "  --baseline FILE  show each phase against FILE's figures (make bench: the\n"
+                 "              build without the meta log) and the ratio\n");
     std::exit(2);
 }
 
@@ -690,6 +722,10 @@ int main(int argc, char **argv) {
             cfg.db = value;
         } else if (name == "--check") {
             cfg.check = true;
+        } else if (name == "--csv") {
+            cfg.csv = value;
+        } else if (name == "--baseline") {
+            cfg.baseline = value;
         } else if (name == "--help" || name == "-h") {
             usage(nullptr);
         } else {

@@ -429,7 +429,9 @@ void bdb_noop_handler(bdb_handle *h, const char *name, const char *syserr, int s
  * mode: BDB_SHARED (file mode 0664) or BDB_PRIVATE (0644). err may be NULL.
  * Returns 0, or -1 with *err = BDB_E_EXISTS (path exists, left alone),
  * BDB_E_PARAM (bad mode, nothing created), BDB_E_CREATE, or the code of the
- * failed lock, write or sync. Calls no error handler.
+ * failed lock, write or sync. Calls no error handler. A meta log left at
+ * PATH-log by a database that is gone is removed (BDB_E_CREATE when it
+ * cannot be).
  */
 int bdb_create(const char *path, int mode, uint32_t *err);
 
@@ -446,8 +448,20 @@ int bdb_create(const char *path, int mode, uint32_t *err);
  * (path), BDB_E_SHARE (the database is in use in the other mode), BDB_E_OPEN,
  * BDB_E_IO (file lock held by another process), BDB_E_DBTYPE (shorter than a
  * page), BDB_E_DBSIZE (size not a multiple of a page), BDB_E_MAGIC,
- * BDB_E_NOMEM, or a shared memory / semaphore code. A failed open writes
- * nothing to the file. The handle is freed by bdb_close or bdb_destroy.
+ * BDB_E_NOMEM, or a shared memory / semaphore code. The handle is freed by
+ * bdb_close or bdb_destroy.
+ *
+ * Crash recovery: every database has a meta log beside it, PATH-log (made by
+ * the first read-write open). The first user of a database (a private open,
+ * the first process of a shared area, the first handle of a thread group)
+ * that finds in it the images of a session interrupted by a crash puts them
+ * back, so that the file holds exactly the state of its last completed sync,
+ * before anything reads the tree. Failures there fail the open and keep the
+ * log: BDB_E_OPEN ("meta log does not describe this database file": nothing
+ * applied), or the code of the failing read or write. A private read-only
+ * open never reads such an interrupted file: it fails with BDB_E_RDONLY and
+ * a message asking for one read-write open. Apart from recovery, a failed
+ * open writes nothing to the file.
  *
  * A private read-only open shares the file lock with other readers and keeps
  * writers out; a private read-write open holds it alone.
@@ -466,9 +480,10 @@ bdb_handle *bdb_open_error(bdb_handle *h, const char *context, uint32_t code, ui
 int bdb_close(bdb_handle *h);
 
 /*
- * Frees the handle without syncing and removes the file once it is closed
- * (for a thread group, when its last handle goes). Refused with BDB_E_SHARE
- * (-1, handle still open) for a database open in shared mode.
+ * Frees the handle without syncing and removes the file and its meta log
+ * once the file is closed (for a thread group, when its last handle goes).
+ * Refused with BDB_E_SHARE (-1, handle still open) for a database open in
+ * shared mode.
  */
 int bdb_destroy(bdb_handle *h);
 
@@ -582,8 +597,17 @@ int bdb_bulk_load(bdb_handle *h, bdb_bulk_next_fn next, void *ctx);
 int bdb_lock(bdb_handle *h, int op, int kind);
 /* The file lock itself (the one place that locks the file). 0 or -1. */
 int btree_lockf(bdb_handle *h, int op, int kind);
-/* Writes every changed page and the meta page, fsyncs, and cuts the file to
- * its highest page in use. BDB_E_RDONLY on a read-only handle. */
+/*
+ * Makes every change so far durable: the meta log is made durable, the
+ * changed pages (in page order) and the meta page are written and the file is
+ * fsynced; then a new log interval begins (the commit point) and the file is
+ * cut to its highest page in use. After 0, a crash at any later moment keeps
+ * at least this state; a crash during the call keeps the previous sync's
+ * state or this one. -1 with BDB_E_RDONLY (read-only handle), BDB_E_IO
+ * ("meta log fsync", "db force cache fsync", "meta log commit"), BDB_E_WRITE
+ * ("db write", "meta log write"): nothing synced before is lost, the changes
+ * stay in memory and a later sync can succeed.
+ */
 int bdb_sync(bdb_handle *h);
 /* bdb_sync without its own mutex step (it still takes the mutex, nested). */
 int bdb_do_sync(bdb_handle *h);
@@ -622,7 +646,9 @@ int bdb_update_dpage(bdb_handle *h, bdb_page *page);
 int bdb_cache_dirty(bdb_handle *h, uint32_t pgno);
 /* Drops a page from the cache without writing it. Always 0. */
 int bdb_inval_cache_pg(bdb_handle *h, uint32_t pgno);
-/* Declares a change of the meta page copy (its log point). Always 0. */
+/* Declares a change of the meta page copy (its log point: the copy's image
+ * goes to the meta log at the first change after a sync). 0, or -1 when the
+ * image cannot be logged; the caller must not change the copy then. */
 int bdb_update_meta(bdb_handle *h);
 /* Writes every dirty page, then the meta page if changed, then fsyncs. */
 int bdb_force_cache(bdb_handle *h);
@@ -655,7 +681,8 @@ int bdb_getdatum(bdb_handle *h, const bdb_page *page, int32_t idx, bdb_entry *e)
 /* Removes slot idx; mode 0 frees a long value's pages, BDB_KEEPPAGES keeps
  * them. 0. */
 int bdb_deldata(bdb_handle *h, bdb_page *page, int32_t idx, int mode);
-/* Frees n data pages from first. 0. */
+/* Frees n data pages from first (deferred to the end of a running change).
+ * 0, or -1 when the meta page's log point fails. */
 int bdb_del_dpages(bdb_handle *h, uint32_t first, uint32_t n);
 /* 1 when the entry fits the page with one slot to spare, else 0. */
 int bdb_data_fits(const bdb_page *page, const bdb_entry *e);
