@@ -50,6 +50,19 @@ TEST(ObjStore, DefaultDatabaseCarListsAndKeyLimits) {
         ASSERT_EQ(bt_additem(h, "car", pre, name, "v", 1), 0);
     EXPECT_EQ(list(h, "car", "door."), "left|right|");
     EXPECT_EQ(list(h, "car", nullptr), "door.left|door.right|wheel|");
+    const std::string long_prefix(1100, 'p');  // longer than any key: matches nothing
+    EXPECT_EQ(list(h, "car", long_prefix.c_str()), "");
+    EXPECT_TRUE(!list(h, "bus", long_prefix.c_str()) && bdb_error(h) == BDB_E_NOTFOUND);
+    // When only the final release of the mutex fails, bt_getitem returns its
+    // result and the value is the caller's to free (once).
+    static int depth = 0;
+    h->wait = [](bdb_handle *, int) { return ++depth, 0; };
+    h->release = [](bdb_handle *, int) { return --depth == 0 ? -7 : 0; };
+    void *p = nullptr;
+    EXPECT_EQ(bt_getitem(h, "car", "door.", "left", &p), -7);
+    EXPECT_STREQ(static_cast<char *>(p), "v");
+    std::free(p);
+    h->wait = nullptr, h->release = nullptr;
     std::string names;  // the list array is replaced at 15 and 30 entries
     for (int i = 10; i < 57; ++i) {
         ASSERT_EQ(bt_additem(h, "car", "n", std::to_string(i).c_str(), "v", 1), 0);

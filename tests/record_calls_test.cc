@@ -49,18 +49,29 @@ TEST(RecordCalls, OutcomesCodesCountersAndBadArguments) {
     EXPECT_EQ(std::vector<uint32_t>({s->puts, s->replaces, s->updates, s->reads, s->deletes, s->removes}),
               std::vector<uint32_t>({1, 2, 1, 10, 0, 0}));
 
-    char xb[] = "x";
-    bdb_datum key{kb, 1}, nullkey{nullptr, 3}, data{xb, 1}, nulldata{nullptr, 5};
-    const std::function<int()> calls[] = {
-        [&] { return bdb_put(h, nullptr, &data); },     [&] { return bdb_put(h, &key, nullptr); },
-        [&] { return bdb_put(h, &nullkey, &data); },    [&] { return bdb_put(h, &key, &nulldata); },
-        [&] { return bdb_replace(h, nullptr, &data); }, [&] { return bdb_update(h, &key, nullptr); },
-        [&] { return bdb_get(h, &nullkey, &data); },    [&] { return bdb_get(h, &key, nullptr); },
-        [&] { return bdb_delete(h, nullptr); },         [&] { return bdb_remove(h, &key, nullptr); },
-        [&] { return bdb_first(h, nullptr, &data); },   [&] { return bdb_next(h, &key, nullptr); }};
+    // Bad descriptors. Code 0: refused with BDB_E_PARAM before the call
+    // counts, since the engine would store from or write through a null
+    // pointer. Else searched and counted: a null key pointer matches no key.
+    char xb[] = "x", mb[] = "m";
+    bdb_datum key{kb, 1}, missing{mb, 1}, nullkey{nullptr, 3}, data{xb, 1}, nulldata{nullptr, 5};
+    const std::pair<std::function<int()>, uint32_t> calls[] = {
+        {[&] { return bdb_put(h, nullptr, &data); }, 0},     {[&] { return bdb_put(h, &key, nullptr); }, 0},
+        {[&] { return bdb_put(h, &nullkey, &data); }, 0},    {[&] { return bdb_put(h, &key, &nulldata); }, 0},
+        {[&] { return bdb_replace(h, nullptr, &data); }, 0}, {[&] { return bdb_update(h, &key, nullptr); }, 0},
+        {[&] { return bdb_remove(h, &nullkey, &data); }, 0}, {[&] { return bdb_delete(h, nullptr); }, 0},
+        {[&] { return bdb_remove(h, &key, nullptr); }, 0},   {[&] { return bdb_first(h, nullptr, &data); }, 0},
+        {[&] { return bdb_next(h, &key, nullptr); }, 0},
+        {[&] { return bdb_get(h, &nullkey, &data); }, BDB_E_NOTFOUND},
+        {[&] { return bdb_delete(h, &nullkey); }, BDB_E_NOTFOUND},
+        {[&] { return bdb_next(h, &nullkey, &data); }, BDB_E_NOTFOUND},
+        {[&] { return bdb_get(h, &missing, nullptr); }, BDB_E_NOTFOUND},
+        {[&] { return bdb_get(h, &key, nullptr); }, BDB_E_PARAM}};  // found, but nowhere to put the value
+    auto counted = [s] { return s->puts + s->replaces + s->updates + s->reads + s->deletes + s->removes; };
     for (size_t i = 0; i < std::size(calls); ++i) {
         bdb_seterror(h, 0);
-        EXPECT_TRUE(Fails(h, calls[i](), BDB_E_PARAM)) << "call " << i;
+        const uint32_t before = counted();
+        EXPECT_TRUE(Fails(h, calls[i].first(), calls[i].second ? calls[i].second : BDB_E_PARAM)) << "call " << i;
+        EXPECT_EQ(counted(), before + (calls[i].second != 0)) << "call " << i;
     }
     EXPECT_EQ(vt::walk(h), (Records{{"b", "2"}, {"d", "4"}}));
     EXPECT_EQ(bdb_close(h), 0);

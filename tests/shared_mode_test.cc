@@ -6,6 +6,7 @@
 #include <new>
 #include <random>
 #include <sys/mman.h>
+#include <thread>
 
 #include "test_util.h"
 
@@ -226,6 +227,52 @@ TEST_F(Shared, SetRemovedUnderAWaiterIsMadeAgain) {
     EXPECT_EQ(h->hold_count, 0);
     EXPECT_TRUE(vt::get(h, "child", nullptr));
     EXPECT_EQ(vt::sem_ctl(key, GETVAL), 0);
+    ASSERT_EQ(semctl(semget(key, 0, 0), 0, IPC_RMID), 0);
+    EXPECT_EQ(bdb_destroy_shared_mutex(h), -1);  // the set is gone already
+    EXPECT_EQ(bdb_error(h), BDB_E_SEM_HANDLE);
+    close_last();
+}
+
+// A close waits for the database mutex only after it has given up the
+// process-wide mutex. Thread x takes the database mutex (through b) the
+// moment a's close lets go of it, and once the close waits for it again, x
+// opens another database before it lets go. Both hang when the close waits
+// holding the process-wide mutex. a is a plain handle, then the only handle
+// of a thread group.
+TEST_F(Shared, CloseWaitsForTheDatabaseMutexOnlyOutsideTheProcessWideOne) {
+    const std::string other = dir.file("other");
+    ASSERT_EQ(bdb_create(other.c_str(), BDB_PRIVATE, nullptr), 0);
+    const pid_t kid = vt::spawn([&] {
+        static std::atomic<int> step;  // 1: a's close let go of the mutex, 2: x holds it, 3: x's open failed
+        for (uint32_t thread : {0u, 7u}) {
+            uint32_t err = 0;
+            bdb_handle *a = bdb_open(path.c_str(), 0, BDB_RDWR, BDB_SHARED, nullptr, thread, &err), *b = open();
+            VT_CHILD_CHECK(a && b);
+            step = 0;
+            std::thread x([&] {
+                while (step.load() == 0) usleep(100);
+                bdb_lock(b, BDB_LOCK, 3);
+                step = 2;
+                someone_waits();  // a's close, for the mutex
+                bdb_handle *o = vt::open_db(other);
+                if (!o || bdb_close(o) != 0) step = 3;
+                bdb_lock(b, BDB_UNLOCK, 3);
+            });
+            a->release = [](bdb_handle *ah, int op) {
+                const int r = bdb_release_shared_mutex(ah, op);
+                if (ah->hold_count == 0) {
+                    step = 1;
+                    while (step.load() == 1) usleep(100);
+                }
+                return r;
+            };
+            const int rc = bdb_close(a);
+            x.join();
+            VT_CHILD_CHECK(rc == 0 && step.load() == 2 && bdb_close(b) == 0);
+        }
+        return 0;
+    }, 30);
+    EXPECT_EQ(vt::wait_child(kid, 40000), 0);
     close_last();
 }
 

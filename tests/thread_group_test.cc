@@ -1,8 +1,9 @@
 // Databases used by several threads of one process, each through a handle of
 // its own (a nonzero thread argument to bdb_open): a mixed workload against
 // models, privately and in shared mode, and the registry and the handle
-// lists (with two paths to one file).
+// lists (with a stale path and a second name of one file).
 #include <malloc.h>
+#include <filesystem>
 #include <latch>
 #include <map>
 #include <random>
@@ -77,13 +78,14 @@ TEST_F(ThreadGroup, EightThreadsAgreeWithTheirModelsAndOutliveTheFirstHandle) {
         ASSERT_NE(first, nullptr);
         varlo::bdb_atexit();  // the threads' opens race to make the process-wide mutex again
         std::vector<Worker> ws(kThreads);
-        std::latch opened(kThreads + 1);
+        std::latch opened(kThreads + 1), checked(1);  // the workers start once the group is checked
         std::vector<std::thread> threads;
         for (int t = 0; t < kThreads; ++t)
             threads.emplace_back([&, t] {
                 Worker &w = ws[t];
                 w.h = open_thread(path, static_cast<uint32_t>(t + 1), mode);
                 opened.arrive_and_wait();
+                checked.wait();
                 if (w.h) w.error = run_workload(w.h, t, w.model);
                 if (w.h && bdb_close(w.h) != 0) w.error += " close";
             });
@@ -91,6 +93,7 @@ TEST_F(ThreadGroup, EightThreadsAgreeWithTheirModelsAndOutliveTheFirstHandle) {
         EXPECT_TRUE(entry_of(key) && entry_of(key)->nhandles == kThreads + 1);
         EXPECT_EQ(vt::shm_nattch(key), mode == BDB_SHARED ? 1 : -1);
         for (const Worker &w : ws) EXPECT_TRUE(w.h && w.h->area == first->area);
+        checked.count_down();
         EXPECT_EQ(bdb_close(first), 0);
         for (auto &t : threads) t.join();
         Model all;
@@ -108,13 +111,19 @@ TEST_F(ThreadGroup, EightThreadsAgreeWithTheirModelsAndOutliveTheFirstHandle) {
     }
 }
 
-// The sixth handle comes through another path to the same file.
+// The group is found by its file, not by its first handle's path: that
+// handle comes by a relative path before a chdir, the sixth by a new name
+// after a rename.
 TEST_F(ThreadGroup, RegistryAndHandleListsGrowAndShrinkInStepsOfFive) {
-    const std::string path = make_db("list"), other = dir.path() + "/./" + path.substr(dir.path().size() + 1);
+    const std::string path = make_db("list"), moved = path + "-moved";
     const key_t list_key = key;
+    const auto cwd = std::filesystem::current_path();
+    std::filesystem::current_path(dir.path());
     std::vector<bdb_handle *> hs, dbs;
     for (uint32_t i = 1; i <= 6; ++i) {
-        hs.push_back(open_thread(i < 6 ? path : other, i));
+        if (i == 2) std::filesystem::current_path(cwd);
+        ASSERT_TRUE(i < 6 || std::rename(path.c_str(), moved.c_str()) == 0);
+        hs.push_back(open_thread(i == 1 ? std::filesystem::path(path).filename().string() : i < 6 ? path : moved, i));
         ASSERT_TRUE(hs.back() && room_for(entry_of(list_key)->handles, i <= 5 ? 5 : 10, sizeof(bdb_handle *))) << i;
     }
     EXPECT_TRUE(numDatabases == 1 && hs[5]->fd == hs[0]->fd);

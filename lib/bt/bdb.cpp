@@ -87,6 +87,16 @@ int open_log(bdb_handle *h, bool first, bool fd_writable, bool shared, LogScan *
 
 // The common shape of the record calls: null check, read-only refusal, the
 // database mutex, the counter, the search.
+//
+// Refused before the call counts (BDB_E_PARAM) is only what the search would
+// read or write through a null pointer whatever it finds: a missing key
+// descriptor; a missing data descriptor where the value is stored or handed
+// back (bdb_get excepted, below); a null value or key pointer with a length
+// where they are stored; a null key buffer for bdb_first. A null key pointer
+// given to bdb_get, bdb_delete or bdb_next is searched like any key (the
+// default compare orders it before every key, so it is not found), and
+// bdb_get without a data descriptor searches as well: a missing key ends in
+// BDB_E_NOTFOUND, a present one in BDB_E_PARAM, its value dropped.
 int record_call(bdb_handle *h, bdb_datum *key, bdb_datum *data, int op, bool changing, uint32_t bdb_stats::*counter) {
     if (!h) {
         errno = EINVAL;
@@ -96,17 +106,24 @@ int record_call(bdb_handle *h, bdb_datum *key, bdb_datum *data, int op, bool cha
         h->error = BDB_E_RDONLY;
         return -1;
     }
-    const bool needs_data = op != OP_DELETE;
-    if (!key || (!key->ptr && key->len) || (needs_data && !data) ||
-        ((op == OP_PUT || op == OP_REPLACE || op == OP_UPDATE) && !data->ptr && data->len) ||
-        ((op == OP_FIRST || op == OP_NEXT) && !key->ptr)) {
+    const bool stores = op == OP_PUT || op == OP_REPLACE || op == OP_UPDATE;
+    const bool key_searched_only = op == OP_GET || op == OP_DELETE || op == OP_NEXT;
+    if (!key || (!key->ptr && key->len && !key_searched_only) || (!data && op != OP_DELETE && op != OP_GET) ||
+        (stores && !data->ptr && data->len) || (op == OP_FIRST && !key->ptr)) {
         h->error = BDB_E_PARAM;
         return -1;
     }
+    bdb_datum dropped{};
+    if (op == OP_GET && !data) data = &dropped;
     MutexHold hold(h);
     if (hold.status() < 0) return hold.status();
     h->stats->*counter += 1;
     int rc = bdb_search(h, key, data, op);
+    if (data == &dropped && rc == 0) {
+        std::free(dropped.ptr);
+        h->error = BDB_E_PARAM;
+        rc = -1;
+    }
     int r = hold.release();
     return r < 0 ? r : rc;
 }
@@ -375,7 +392,10 @@ bdb_handle *bdb_open(const char *path, int reserved, int flags, int mode, const 
 // ---------------------------------------------------------------------------
 
 // Frees a handle that has mutex slots: the database mutex is given up first,
-// then the process-wide mutex is taken around the freeing.
+// then the process-wide mutex is taken while the handle leaves the registry.
+// The shared area is detached after the process-wide mutex is given up: the
+// detach waits for the database mutex, and a thread holding that mutex may
+// be waiting for the process-wide one.
 static int release_and_free(bdb_handle *h) {
     char name[BDB_MAXPATH + 1];
     std::strncpy(name, h->name, sizeof name - 1);
@@ -383,9 +403,11 @@ static int release_and_free(bdb_handle *h) {
     bdb_errhandler_fn fn = h->errhandler;
     if (int r = give_mutex(h); r < 0) return r;
     if (bdb_lock_smutex(name, fn, &h->error) < 0) return -1;
-    int rc = bdb_dealloc_handle(h);
+    bool area_left = false;
+    int rc = bdb_leave_handle(h, &area_left);
     uint32_t scratch;
     bdb_unlock_smutex(name, fn, &scratch);
+    if (bdb_free_handle(h, area_left) < 0) rc = -1;
     return rc;
 }
 

@@ -386,6 +386,8 @@ typedef struct bdb_hndl_entry {
     key_t key;             /* IPC key of the database */
     uint32_t nhandles;     /* handles in `handles` */
     bdb_handle **handles;  /* registration order; element 0 is the group's first */
+    uint64_t file_dev;     /* the file's st_dev and st_ino when the entry was made: */
+    uint64_t file_ino;     /* later handles join it whatever path they name it by */
 } bdb_hndl_entry;
 
 /* Visit function of bdb_parse_tree: (handle, page, entry index, depth). */
@@ -504,7 +506,17 @@ int bdb_sigexit(bdb_handle *h);
  * file BDB_E_FULL. A failed change leaves the database as it was.
  */
 
-/* Reads the value of key into data. BDB_E_NOTFOUND when absent. */
+/*
+ * Bad descriptors: a NULL key, a NULL data (bdb_delete and bdb_get aside), or
+ * a NULL pointer with a length where the key or value is stored (put,
+ * replace, update, remove) fail with BDB_E_PARAM before the call is counted.
+ * A NULL key pointer given to bdb_get, bdb_delete or bdb_next is searched
+ * like any key and, under the default compare, is not found.
+ */
+
+/* Reads the value of key into data. BDB_E_NOTFOUND when absent. With a NULL
+ * data the key is still looked up: BDB_E_NOTFOUND when absent, BDB_E_PARAM
+ * (the value dropped) when present. */
 int bdb_get(bdb_handle *h, bdb_datum *key, bdb_datum *data);
 /* Inserts key/data; BDB_E_DUPLICATE when the key is present. */
 int bdb_put(bdb_handle *h, bdb_datum *key, bdb_datum *data);
@@ -730,6 +742,9 @@ int bdb_unlock_smutex(const char *path, bdb_errhandler_fn fn, uint32_t *err);
 /* Handle blocks in their three layouts. */
 bdb_handle *bdb_alloc_handle(const char *path, int mode, uint32_t thread, bdb_errhandler_fn fn,
                              uint32_t *err);
+/* Closes the file, leaves the registry, detaches the area and frees the
+ * block, all under the caller's process-wide mutex (bdb_close and bdb_destroy
+ * detach after giving that mutex up). 0, or -1; the block is freed always. */
 int bdb_dealloc_handle(bdb_handle *h);
 /* Computes the IPC key of the database (ftok, project 66). 0 or -1. */
 int bdb_hash_database(bdb_handle *h);
@@ -749,6 +764,8 @@ int bdb_check_shared_memory(bdb_handle *h);
 int bdb_create_shared_mutex(bdb_handle *h);
 int bdb_wait_shared_mutex(bdb_handle *h, int op);
 int bdb_release_shared_mutex(bdb_handle *h, int op);
+/* Removes the semaphore set (a hold goes with it): 0 (also without a set),
+ * or -1 with the mapped code (BDB_E_SEM_HANDLE when the set is gone). */
 int bdb_destroy_shared_mutex(bdb_handle *h);
 int bdb_create_private_mutex(bdb_handle *h);
 int bdb_wait_private_mutex(bdb_handle *h, int op);
@@ -784,7 +801,9 @@ int bt_rmobj(bdb_handle *h, const char *id);
 /* Copies an object with its items to each id of the NULL-terminated array;
  * with data (len >= 1) the copies' headers get data instead. */
 int bt_clone(bdb_handle *h, const char *id, const char *const *newids, const void *data, int32_t len);
-/* Reads an item's value; returns its length or -1. A NULL prefix is empty. */
+/* Reads an item's value; returns its length or -1. A NULL prefix is empty.
+ * When only the final release of the mutex fails, its negative result is
+ * returned and *data still holds the value, which the caller frees. */
 int bt_getitem(bdb_handle *h, const char *id, const char *prefix, const char *name, void **data);
 /* Adds an item to an existing object; BDB_E_DUPLICATE when it exists. */
 int bt_additem(bdb_handle *h, const char *id, const char *prefix, const char *name, const void *data,
@@ -796,7 +815,9 @@ int bt_replace_item(bdb_handle *h, const char *id, const char *prefix, const cha
                     const void *data, uint32_t len);
 /* Lists the names (after `prefix`) of an object's items in key order into a
  * new NULL-terminated array of new strings (*list, *count); the caller frees
- * every string and the array. Returns the count or -1. */
+ * every string and the array. Returns the count or -1 (BDB_E_NOTFOUND for a
+ * missing object). No items match: 0 and a NULL list (a prefix of any
+ * length is accepted). */
 int bt_getitem_list(bdb_handle *h, const char *id, const char *prefix, char ***list, uint32_t *count);
 
 #if defined(__GNUC__)

@@ -255,6 +255,12 @@ extern int exInit;
 extern bdb_hndl_entry *bdb_hndl_array;
 extern uint32_t numDatabases;
 
+// Releasing a handle in two steps (bdb_dealloc_handle runs both): leaving
+// the registry and closing the file, under the process-wide mutex; then,
+// without it, detaching the shared area under the database mutex when
+// *area_left says so, and freeing the block. 0 or -1 each.
+int bdb_leave_handle(bdb_handle *h, bool *area_left);
+int bdb_free_handle(bdb_handle *h, bool area_left);
 int bdb_add_database(bdb_handle *h);
 int bdb_remove_database(bdb_handle *h);
 int bdb_do_close(bdb_handle *h);

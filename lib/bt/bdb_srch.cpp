@@ -201,6 +201,10 @@ int hand_out(bdb_handle *h, const bdb_page *p, int32_t i, bdb_datum *key, bdb_da
             return SR_NOPAGE;
         }
     }
+    if (!key->ptr) {  // a null key given to bdb_next that a compare function matched
+        h->error = BDB_E_PARAM;
+        return SR_NOPAGE;
+    }
     if (bdb_ret_key(p, key, i) < 0) return SR_NOMEM;
     if (bdb_ret_data(h, p, data, i) < 0) return SR_NOPAGE;
     return SR_OK;

@@ -62,12 +62,6 @@ uint32_t file_identity(const char *path) {
     return id ? id : 1;
 }
 
-bool same_file(const char *a, const char *b) {
-    struct stat sa, sb;
-    if (::stat(a, &sa) < 0 || ::stat(b, &sb) < 0) return false;
-    return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
-}
-
 // ThreadSanitizer does not know that semop orders the threads of a process
 // that share a database's area: the semaphore's takes and releases are
 // announced to it (on one object per process).
@@ -238,8 +232,7 @@ int bdb_destroy_shared_mutex(bdb_handle *h) {
     }
     const int id = semid_of(h);
     h->sem_id = 0;
-    if (::semctl(id, 1, IPC_RMID) < 0) {
-        if (errno == EIDRM || errno == EINVAL) return 0;  // removed already
+    if (::semctl(id, 1, IPC_RMID) < 0) {  // a set removed already gives BDB_E_SEM_HANDLE
         bdb_mapsemerror(h);
         return -1;
     }
@@ -420,22 +413,9 @@ bdb_handle *bdb_alloc_handle(const char *path, int mode, uint32_t thread, bdb_er
 // it is released, so that the last user of a database, however it opened,
 // removes the segment and the semaphore set.
 int bdb_dealloc_handle(bdb_handle *h) {
-    int rc;
-    if (h->thread_id == 0) {
-        rc = bdb_do_close(h);
-        bdb_cache_free(h);
-        if (h->detach && h->detach(h) < 0) rc = -1;
-    } else {
-        rc = 0;
-        if (h->detach) {
-            if (h->detach(h) < 0) rc = -1;
-        } else if (bdb_remove_database(h) < 0) {
-            // An open refused before its slots were filled (a private open of
-            // a database in shared use): the registration goes all the same.
-            rc = -1;
-        }
-    }
-    std::free(h);
+    bool area_left = false;
+    int rc = bdb_leave_handle(h, &area_left);
+    if (bdb_free_handle(h, area_left) < 0) rc = -1;
     return rc;
 }
 
@@ -549,13 +529,20 @@ int bdb_remove_thread(bdb_hndl_entry *entry, bdb_handle *h) {
 }
 
 // Two databases can share an IPC key (it is made from part of the file's
-// identity only): an entry is the handle's when its key matches and it names
-// the same file.
+// identity only): an entry is the handle's when its key matches and it was
+// made for the same file. The entry keeps the file's identity from when it
+// was made; the paths its handles were opened with may no longer name the
+// file (a relative path after a chdir, a renamed file).
 int bdb_add_database(bdb_handle *h) {
+    struct stat st;
+    if (::stat(h->name, &st) < 0) {
+        h->error = errno == EACCES ? BDB_E_ACCESS : BDB_E_NOENT;
+        return -1;
+    }
+    const uint64_t dev = static_cast<uint64_t>(st.st_dev), ino = static_cast<uint64_t>(st.st_ino);
     for (uint32_t i = 0; i < numDatabases; ++i) {
         bdb_hndl_entry &e = bdb_hndl_array[i];
-        if (e.key == h->ipc_key && e.nhandles > 0 && same_file(e.handles[0]->name, h->name))
-            return bdb_add_thread(&e, h);
+        if (e.key == h->ipc_key && e.file_dev == dev && e.file_ino == ino) return bdb_add_thread(&e, h);
     }
     if (numDatabases % 5 == 0) {
         auto *arr = static_cast<bdb_hndl_entry *>(std::calloc(numDatabases + 5, sizeof(bdb_hndl_entry)));
@@ -572,6 +559,8 @@ int bdb_add_database(bdb_handle *h) {
     e.key = h->ipc_key;
     e.nhandles = 0;
     e.handles = nullptr;
+    e.file_dev = dev;
+    e.file_ino = ino;
     if (bdb_add_thread(&e, h) < 0) return -1;
     ++numDatabases;
     return 0;
@@ -722,21 +711,30 @@ int bdb_attach_shared_memory(bdb_handle *h) {
     return 0;
 }
 
-// The detach of the last user of a process decides under the database mutex
-// whether to remove the segment and the semaphore set, so that no attach can
-// run between that decision and the removal: an opener waiting on the mutex
-// finds the set removed, makes a new one and creates a fresh segment.
-int bdb_detach_shared_memory(bdb_handle *h) {
-    if (h->thread_id != 0) {
-        int r = bdb_remove_database(h);
-        if (r < 0) return -1;
-        if (r > 0) {
-            h->area = nullptr;
-            h->shm_id = 0;
-            release_if_held(h, bdb_release_shared_mutex);
-            return 0;
-        }
-    }
+}  // extern "C"
+
+namespace {
+
+// The registry's part of a shared detach: 1 when other handles of the
+// process keep the area (nothing more to do), 0 when the area is to be
+// detached, -1 on error.
+int leave_group(bdb_handle *h) {
+    if (h->thread_id == 0) return 0;
+    const int r = bdb_remove_database(h);
+    if (r <= 0) return r;
+    h->area = nullptr;
+    h->shm_id = 0;
+    release_if_held(h, bdb_release_shared_mutex);
+    return 1;
+}
+
+// The area's part of a shared detach. The last user of a process decides
+// under the database mutex whether to remove the segment and the semaphore
+// set, so that no attach can run between that decision and the removal: an
+// opener waiting on the mutex finds the set removed, makes a new one and
+// creates a fresh segment. The handle has left the registry by now, so no
+// other thread of the process reaches this area through it.
+int detach_area(bdb_handle *h) {
     if (h->ipc_key == 0) return 0;  // never got as far as the key
     if (bdb_wait_shared_mutex(h, BDB_MUTEX_OP) < 0) return -1;
     if (!h->area) {
@@ -770,6 +768,58 @@ int bdb_detach_shared_memory(bdb_handle *h) {
         return -1;
     }
     return bdb_destroy_shared_mutex(h);
+}
+
+}  // namespace
+
+// Releasing a handle goes in two steps so that bdb_close and bdb_destroy
+// never wait for a database mutex while they hold the process-wide one (a
+// thread holding the database mutex through bdb_lock may be waiting for the
+// process-wide mutex to open another database). The first step, under the
+// process-wide mutex, takes the handle out of the registry and closes its
+// file; the second, after the process-wide mutex is given up, detaches the
+// shared area under the database mutex and frees the block.
+namespace varlo {
+
+int bdb_leave_handle(bdb_handle *h, bool *area_left) {
+    *area_left = false;
+    const bool shared = h->detach == bdb_detach_shared_memory;
+    if (h->thread_id == 0) {
+        int rc = bdb_do_close(h);
+        bdb_cache_free(h);
+        if (shared)
+            *area_left = true;
+        else if (h->detach && h->detach(h) < 0)
+            rc = -1;
+        return rc;
+    }
+    if (shared) {
+        const int r = leave_group(h);
+        *area_left = r == 0;
+        return r < 0 ? -1 : 0;
+    }
+    // The local detach waits for nothing: it leaves the group, and the last
+    // handle frees the area and the mutex. An open refused before its slots
+    // were filled (a private open of a database in shared use) leaves the
+    // registry all the same.
+    if (h->detach) return h->detach(h) < 0 ? -1 : 0;
+    return bdb_remove_database(h) < 0 ? -1 : 0;
+}
+
+int bdb_free_handle(bdb_handle *h, bool area_left) {
+    const int rc = area_left && detach_area(h) < 0 ? -1 : 0;
+    std::free(h);
+    return rc;
+}
+
+}  // namespace varlo
+
+extern "C" {
+
+int bdb_detach_shared_memory(bdb_handle *h) {
+    const int r = leave_group(h);
+    if (r != 0) return r < 0 ? -1 : 0;
+    return detach_area(h);
 }
 
 int bdb_attach_local_shmem(bdb_handle *h) {

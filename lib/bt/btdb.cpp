@@ -255,8 +255,11 @@ int bt_clone(bdb_handle *h, const char *id, const char *const *newids, const voi
     });
 }
 
+// The value is handed to the caller before the mutex is released: when only
+// the release fails, its result is returned and the caller owns *data.
 int bt_getitem(bdb_handle *h, const char *id, const char *prefix, const char *name, void **data) {
     bdb_datum dd{};
+    bool handed = false;
     int rc = with_mutex(h, id, [&] {
         if (!name || !data) {
             h->error = BDB_E_PARAM;
@@ -266,11 +269,11 @@ int bt_getitem(bdb_handle *h, const char *id, const char *prefix, const char *na
         if (!compose(h, k, id, prefix, name)) return -1;
         bdb_datum kd = k.datum();
         int r = bdb_get(h, &kd, &dd);
-        if (r == 0) *data = dd.ptr;
+        if (r == 0) *data = dd.ptr, handed = true;
         return r;
     });
     if (rc < 0) {
-        std::free(dd.ptr);
+        if (!handed) std::free(dd.ptr);
         return rc;
     }
     return static_cast<int>(dd.len);
@@ -327,17 +330,13 @@ int bt_getitem_list(bdb_handle *h, const char *id, const char *prefix, char ***l
             h->error = BDB_E_PARAM;
             return -1;
         }
-        Key hk, match;
+        Key hk;
         if (!compose(h, hk, id, nullptr, nullptr)) return -1;
-        const size_t pl = prefix ? std::strlen(prefix) : 0;
-        if (hk.len + pl > BDB_MAXKEY) {
-            h->error = BDB_E_KEYSIZE;
-            return -1;
-        }
-        std::memcpy(match.buf, hk.buf, hk.len);
-        if (pl) std::memcpy(match.buf + hk.len, prefix, pl);
-        match.len = static_cast<uint32_t>(hk.len + pl);
         if (!exists(h, hk)) return -1;
+        // Items listed: the header key followed by the prefix, then the name.
+        // The prefix is not part of a composed key: one that makes this
+        // longer than any key simply matches nothing.
+        const size_t pl = prefix ? std::strlen(prefix) : 0, match_len = hk.len + pl;
         *list = nullptr;
         *count = 0;
         int listed = 0;
@@ -352,12 +351,12 @@ int bt_getitem_list(bdb_handle *h, const char *id, const char *prefix, char ***l
             }
             std::free(dd.ptr);
             if (!starts_with(kd, hk.buf, hk.len)) break;
-            if (!starts_with(kd, match.buf, match.len)) continue;
+            if (kd.len < match_len || (pl && std::memcmp(cur + hk.len, prefix, pl) != 0)) continue;
             // The name: the key's bytes after the prefix, up to its NUL.
             char name_buf[BDB_MAXKEY + 1];
             uint32_t n = 0;
-            while (match.len + n < kd.len && cur[match.len + n] != 0) {
-                name_buf[n] = static_cast<char>(cur[match.len + n]);
+            while (match_len + n < kd.len && cur[match_len + n] != 0) {
+                name_buf[n] = static_cast<char>(cur[match_len + n]);
                 ++n;
             }
             name_buf[n] = 0;
