@@ -150,11 +150,23 @@ void one_op(Gen &g, bdb_handle *h, Model &m) {
         char kbuf[1024];
         std::memcpy(kbuf, k.data(), k.size());
         bdb_datum kd{kbuf, static_cast<uint32_t>(k.size())};
-        auto it = m.find(k);
         for (int step = 0; step < 5; ++step) {
+            const std::string cur(kbuf, kd.len);
+            auto it = m.upper_bound(cur);
+            if (step > 0 && g.chance(30)) {
+                // The tree changes under the walk: a key put right after the
+                // current one, or the next one deleted.
+                if (it != m.end() && g.chance(50)) {
+                    ASSERT_EQ(vt::del(h, it->first), 0);
+                    m.erase(it);
+                } else if (cur.size() < 1024 && !m.count(cur + "+")) {
+                    ASSERT_EQ(vt::put(h, cur + "+", "w"), 0);
+                    m[cur + "+"] = "w";
+                }
+                it = m.upper_bound(cur);
+            }
             bdb_datum vd{};
             int rc = bdb_next(h, &kd, &vd);
-            ++it;
             if (it == m.end()) {
                 ASSERT_EQ(rc, -1);
                 ASSERT_EQ(bdb_error(h), BDB_E_EOF);

@@ -361,6 +361,10 @@ struct bdb_handle {
     uint32_t error;              /* last error code, 0 = none */
     bdb_stats *stats;            /* statistics block */
     struct bdb_metalog *mlog;    /* meta log of the file, NULL = none (read-only) */
+    uint32_t walk_pgno;          /* page of the record bdb_first / bdb_next handed out last (0 = none) */
+    uint32_t walk_slot;          /* its slot */
+    uint32_t walk_version;       /* the tree's version then */
+    uint32_t changes;            /* tree version of a private handle without a meta log */
     char name_buf[4];            /* the name (and, private handles, more) runs on from here */
 };
 

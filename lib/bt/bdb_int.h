@@ -141,6 +141,30 @@ inline void set_child_at(bdb_page *p, int32_t pos, uint32_t child) {
     else
         p->slots[pos].childpg = child;
 }
+// The default order of keys: unsigned bytes, a key before every longer key
+// of which it is a prefix. The difference of the first differing bytes, or
+// -1 / 0 / 1 by length. Eight bytes are compared at a time.
+inline int key_order(const uint8_t *a, uint32_t al, const uint8_t *b, uint32_t bl) {
+    const uint32_t n = al < bl ? al : bl;
+    uint32_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        uint64_t x, y;
+        std::memcpy(&x, a + i, 8);
+        std::memcpy(&y, b + i, 8);
+        if (x != y) {
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+            const uint32_t k = static_cast<uint32_t>(__builtin_ctzll(x ^ y)) >> 3;
+#else
+            const uint32_t k = static_cast<uint32_t>(__builtin_clzll(x ^ y)) >> 3;
+#endif
+            return static_cast<int>(a[i + k]) - static_cast<int>(b[i + k]);
+        }
+    }
+    for (; i < n; ++i)
+        if (a[i] != b[i]) return static_cast<int>(a[i]) - static_cast<int>(b[i]);
+    return al < bl ? -1 : al > bl ? 1 : 0;
+}
+
 inline bdb_datum slot_key(const bdb_page *p, int32_t i) {
     const bdb_slot &s = p->slots[i];
     return bdb_datum{const_cast<uint8_t *>(page_bytes(p)) + s.keyoff, s.keylen};
@@ -237,6 +261,16 @@ int area_check(bdb_handle *h);
 // machine order; mode is BDB_SHARED or BDB_PRIVATE. bdb_create and the ndbm
 // layer's creation write it.
 void init_meta(bdb_meta *m, uint32_t mode);
+// The version of a database's tree: it moves with every change of a tree
+// page or of the meta page, by any user of the database, so that the
+// position bdb_next remembers is good while the version is unchanged. Null
+// when it cannot be told (an area whose users share no control block):
+// positions are then not kept.
+uint32_t *tree_version(bdb_handle *h);
+inline void tree_changed(bdb_handle *h) {
+    if (uint32_t *v = tree_version(h)) ++*v;
+}
+
 // Copies the allocation map into the log map (open and sync).
 void refresh_logmap(bdb_handle *h);
 // Free pages below BDB_MAXPAGES, counted exactly (slow; used near a full file).

@@ -427,6 +427,7 @@ extern "C" int bdb_update_dpage(bdb_handle *h, bdb_page *page) {
 }
 
 extern "C" int bdb_cache_dirty(bdb_handle *h, uint32_t pg) {
+    tree_changed(h);
     uint32_t rec = find_record(h, pg);
     if (rec == kNone) return -1;
     h->cache[rec].flags |= BDB_CACHE_DIRTY;
@@ -434,6 +435,7 @@ extern "C" int bdb_cache_dirty(bdb_handle *h, uint32_t pg) {
 }
 
 extern "C" int bdb_inval_cache_pg(bdb_handle *h, uint32_t pg) {
+    tree_changed(h);
     metalog_drop_deferred(h, pg);
     uint32_t rec = find_record(h, pg);
     if (rec == kNone) return 0;
@@ -455,6 +457,7 @@ extern "C" int bdb_update_meta(bdb_handle *h) {
         bits_clrb(h->logmap, 0);
     }
     journal_meta_touched(h);
+    tree_changed(h);
     *h->state_ref |= BDB_METADIRTY;
     return 0;
 }

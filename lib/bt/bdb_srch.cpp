@@ -15,6 +15,7 @@
 // are put back, so that every record that was there before stays readable.
 #include <cerrno>
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -207,7 +208,29 @@ int hand_out(bdb_handle *h, const bdb_page *p, int32_t i, bdb_datum *key, bdb_da
     }
     if (bdb_ret_key(p, key, i) < 0) return SR_NOMEM;
     if (bdb_ret_data(h, p, data, i) < 0) return SR_NOPAGE;
+    // The walk's position, for the next bdb_next.
+    if (const uint32_t *v = tree_version(h)) {
+        h->walk_pgno = p->pgno;
+        h->walk_slot = static_cast<uint32_t>(i);
+        h->walk_version = *v;
+    }
     return SR_OK;
+}
+
+// bdb_next from the position of the record handed out last, when the tree
+// has not changed since and the key given is that record's: its successor is
+// the next entry of the same page when the entry has no right subtree.
+// SR_NOTFOUND when that does not apply (the caller descends from the root).
+int next_in_place(bdb_handle *h, bdb_datum *key, bdb_datum *data) {
+    const uint32_t *v = tree_version(h);
+    if (!v || h->walk_pgno == 0 || *v != h->walk_version || !key->ptr) return SR_NOTFOUND;
+    bdb_page *p = read_page(h, h->walk_pgno);
+    if (!p) return SR_NOTFOUND;
+    const uint32_t i = h->walk_slot;
+    if (i + 1 >= p->nslots || p->slots[i].childpg != 0) return SR_NOTFOUND;
+    const bdb_slot &sl = p->slots[i];
+    if (sl.keylen != key->len || std::memcmp(page_bytes(p) + sl.keyoff, key->ptr, key->len) != 0) return SR_NOTFOUND;
+    return hand_out(h, p, static_cast<int32_t>(i) + 1, key, data, key);
 }
 
 // ---------------------------------------------------------------------------
@@ -735,20 +758,36 @@ int search(bdb_handle *h, bdb_datum *key, bdb_datum *data, int *op, uint32_t pgn
 
     int32_t lo = 0, hi = static_cast<int32_t>(p->nslots) - 1, mid = 0;
     const bdb_compare_fn cmp = h->compare ? h->compare : bdb_dti_compare;
-    while (lo <= hi) {
-        mid = (lo + hi) / 2;
-        bdb_datum stored = slot_key(p, mid);
-        int c = cmp(key, &stored);
-        if (c > 0)
-            lo = mid + 1;
-        else if (c < 0)
-            hi = mid - 1;
-        else {
-            lo = mid + 1;
-            hi = mid - 1;
+    if (cmp == bdb_dti_compare && key->ptr) {
+        // The default order, compared in place (no call per probe).
+        const auto *k = static_cast<const uint8_t *>(key->ptr);
+        const uint32_t klen = key->len;
+        const uint8_t *base = page_bytes(p);
+        while (lo <= hi) {
+            mid = (lo + hi) / 2;
+            const bdb_slot &sl = p->slots[mid];
+            const int c = key_order(k, klen, base + sl.keyoff, sl.keylen);
+            if (c > 0)
+                lo = mid + 1;
+            else if (c < 0)
+                hi = mid - 1;
+            else
+                break;
+        }
+    } else {
+        while (lo <= hi) {
+            mid = (lo + hi) / 2;
+            bdb_datum stored = slot_key(p, mid);
+            int c = cmp(key, &stored);
+            if (c > 0)
+                lo = mid + 1;
+            else if (c < 0)
+                hi = mid - 1;
+            else
+                break;
         }
     }
-    if (lo - hi > 1) {
+    if (lo <= hi) {
         switch (*op) {
         case OP_PUT:
             return SR_DUPLICATE;
@@ -849,7 +888,8 @@ extern "C" int bdb_search(bdb_handle *h, bdb_datum *key, bdb_datum *data, int op
     }
     if (!is_change(op)) {
         bdb_entry promote{};
-        int r = search(h, key, data, &op, h->meta->root, &promote);
+        int r = op == OP_NEXT ? next_in_place(h, key, data) : SR_NOTFOUND;
+        if (r == SR_NOTFOUND) r = search(h, key, data, &op, h->meta->root, &promote);
         note_depth(h);
         switch (r) {
         case SR_OK:

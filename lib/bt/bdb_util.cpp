@@ -445,30 +445,7 @@ extern "C" int bdb_dti_compare(const bdb_datum *a, const bdb_datum *b) {
     if (a->ptr == b->ptr) return 0;
     if (!a->ptr) return -1;
     if (!b->ptr) return 1;
-    const auto *pa = static_cast<const uint8_t *>(a->ptr);
-    const auto *pb = static_cast<const uint8_t *>(b->ptr);
-    const uint32_t n = std::min(a->len, b->len);
-    uint32_t i = 0;
-    // Eight bytes at a time; the first differing byte decides.
-    for (; i + 8 <= n; i += 8) {
-        uint64_t x, y;
-        std::memcpy(&x, pa + i, 8);
-        std::memcpy(&y, pb + i, 8);
-        if (x != y) {
-#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-            uint32_t k = static_cast<uint32_t>(__builtin_ctzll(x ^ y)) >> 3;
-#else
-            uint32_t k = static_cast<uint32_t>(__builtin_clzll(x ^ y)) >> 3;
-#endif
-            return static_cast<int>(pa[i + k]) - static_cast<int>(pb[i + k]);
-        }
-    }
-    for (; i < n; ++i) {
-        if (pa[i] != pb[i]) return static_cast<int>(pa[i]) - static_cast<int>(pb[i]);
-    }
-    if (a->len < b->len) return -1;
-    if (a->len > b->len) return 1;
-    return 0;
+    return key_order(static_cast<const uint8_t *>(a->ptr), a->len, static_cast<const uint8_t *>(b->ptr), b->len);
 }
 
 extern "C" void bdbcpy(const void *src, void *dst, uint32_t n) {

@@ -51,13 +51,15 @@ struct LogControl {
     uint64_t meta_hash;     // hash of the meta page (file order) at the last sync
     uint32_t ndeferred;     // pages in the write-behind buffer
     uint8_t file_magic[4];  // the file's first word as it stands (its byte order)
+    uint32_t changes;       // the tree's version (see tree_version)
+    uint32_t spare;
     uint32_t deferred_pgno[kDeferPages];
     uint8_t deferred[kDeferPages][kPageSize];  // their images, machine order
     uint32_t lsn[BDB_MAXPAGES];  // stamp of each page's record (0 = none)
 };
 static_assert(offsetof(LogControl, ndeferred) == 48);
-static_assert(offsetof(LogControl, deferred) == 56 + 4 * kDeferPages);
-static_assert(offsetof(LogControl, lsn) == 56 + 4 * kDeferPages + kDeferPages * kPageSize);
+static_assert(offsetof(LogControl, deferred) == 64 + 4 * kDeferPages);
+static_assert(offsetof(LogControl, lsn) == 64 + 4 * kDeferPages + kDeferPages * kPageSize);
 static_assert(sizeof(LogControl) == offsetof(LogControl, lsn) + 4 * BDB_MAXPAGES);
 
 constexpr size_t round_up(size_t n, size_t to) { return (n + to - 1) / to * to; }
@@ -576,6 +578,11 @@ uint32_t metalog_deferred_count(const bdb_handle *h) { return h->mlog ? h->mlog-
 
 void metalog_clear_deferred(bdb_handle *h) {
     if (h->mlog) h->mlog->ctl->ndeferred = 0;
+}
+
+uint32_t *tree_version(bdb_handle *h) {
+    if (h->mlog) return &h->mlog->ctl->changes;
+    return (h->flags & BDB_F_AREA) ? nullptr : &h->changes;
 }
 
 bool metalog_active(const bdb_handle *h) { return h->mlog && h->mlog->ctl->magic == kCtlMagic; }
