@@ -170,6 +170,11 @@ inline bdb_datum slot_key(const bdb_page *p, int32_t i) {
     return bdb_datum{const_cast<uint8_t *>(page_bytes(p)) + s.keyoff, s.keylen};
 }
 
+// A fetch flag of bdb_get_dpage inside the library, with BDB_FORUPDATE: the
+// engine keeps its own note of how to undo the change, so the change journal
+// takes no image of the page.
+inline constexpr int kNoImage = 0x100;
+
 // Releases the buffers an entry owns (BDB_KEYALLOC / BDB_DATAALLOC).
 void entry_release(bdb_entry *e);
 

@@ -389,7 +389,7 @@ extern "C" bdb_page *bdb_get_dpage(bdb_handle *h, uint32_t pg, int flags) {
         if (metalog_active(h) && log_point(h, page) < 0) return nullptr;
         bits_clrb(h->logmap, static_cast<int32_t>(pg));
     }
-    if (!journal_page_touched(h, page, false)) return nullptr;
+    if (!(flags & kNoImage) && !journal_page_touched(h, page, false)) return nullptr;
     page->flags |= BDB_PGBUSY;
     return page;
 }

@@ -41,27 +41,51 @@ void finish(bdb_handle *h, ChangeJournal &j) {
     j.resume_empty();
 }
 
-// The change failed: put back every page image, newest first, and the meta
-// page.
+// Undoes one note of a change that stayed on one page (see SavedPage).
+bool undo_note(bdb_handle *h, const SavedPage &n) {
+    bdb_page *p = bdb_get_dpage(h, n.pgno, 0);
+    if (!p) return false;
+    if (n.kind == SavedPage::kInserted) {
+        if (bdb_deldata(h, p, n.pos, BDB_KEEPPAGES) < 0) return false;
+    } else if (n.kind == SavedPage::kBytes) {
+        std::memcpy(page_bytes(p) + n.off, n.bytes, n.len);
+    } else {
+        const bool lng = slot_is_long(n.slot);
+        bdb_entry e{const_cast<uint8_t *>(n.bytes), n.slot.keylen,
+                    lng ? BDB_PAGE_PTR(n.slot.dataref) : const_cast<uint8_t *>(n.bytes) + n.slot.keylen,
+                    n.slot.datalen, n.slot.flags & ~(BDB_KEYALLOC | BDB_DATAALLOC), n.slot.childpg};
+        if (bdb_insdatum(h, p, n.pos - 1, &e) < 0) return false;
+        set_child_at(p, n.pos - 1, n.off);
+    }
+    p->flags &= ~BDB_PGBUSY;
+    return bdb_cache_dirty(h, n.pgno) == 0;
+}
+
+// The change failed: put back every page image and undo every note, newest
+// first, and the meta page.
 void undo(bdb_handle *h, ChangeJournal &j) {
     j.pause();
     const uint32_t saved_error = h->error;
     for (uint32_t i = 0; i < j.page_count(); ++i) {
         const SavedPage sp = j.page(i);
-        if (sp.fresh) {
+        if (sp.kind == SavedPage::kFresh) {
             bdb_inval_cache_pg(h, sp.pgno);
+            continue;
+        }
+        if (sp.kind != SavedPage::kImage) {
+            if (!undo_note(h, sp)) bdb_errlog(h, "rollback of a change failed");
             continue;
         }
         auto *buf = static_cast<uint8_t *>(bdb_cache_pg(h, sp.pgno));
         if (buf) {
-            std::memcpy(buf, sp.image, kPageSize);
+            std::memcpy(buf, sp.bytes, kPageSize);
             reinterpret_cast<bdb_page *>(buf)->flags &= ~BDB_PGBUSY;
             bdb_cache_dirty(h, sp.pgno);
         } else {
             // No buffer could be freed for it: write the image straight to
             // the file instead.
             alignas(8) uint8_t tmp[kPageSize];
-            std::memcpy(tmp, sp.image, kPageSize);
+            std::memcpy(tmp, sp.bytes, kPageSize);
             reinterpret_cast<bdb_page *>(tmp)->flags &= ~BDB_PGBUSY;
             if (h->flags & BDB_F_SWAPPED) bdb_pgswap(tmp, 1);
             if (bdb_write_dpage(h, sp.pgno, tmp, kPageSize) < 0) bdb_errlog(h, "rollback write failed");
@@ -175,6 +199,10 @@ inline uint32_t esize(const bdb_page *p, int32_t i) { return bdb_key_data_size(p
 
 inline bdb_page *read_page(bdb_handle *h, uint32_t pg) { return bdb_get_dpage(h, pg, 0); }
 inline bdb_page *change_page(bdb_handle *h, uint32_t pg) { return bdb_get_dpage(h, pg, BDB_FORUPDATE); }
+// For a change of one page that the engine notes itself (no page image).
+inline bdb_page *note_page(bdb_handle *h, uint32_t pg) { return bdb_get_dpage(h, pg, BDB_FORUPDATE | kNoImage); }
+// Takes the page's image after all (the change goes further than a note).
+inline bool keep_image(bdb_handle *h, const bdb_page *p) { return journal_page_touched(h, p, false); }
 
 // Commits a change; fails when the page was meanwhile taken for another one.
 inline bool commit(bdb_handle *h, bdb_page *p, uint32_t pg) { return p->pgno == pg && bdb_update_dpage(h, p) == 0; }
@@ -279,14 +307,29 @@ bool cut_leaves_room(const bdb_page *pg, int32_t p, int32_t s, const bdb_entry *
 // full. Consumes the entry's buffers on every path. On a split the separator
 // is left in promote, owned by the caller.
 int insert(bdb_handle *h, uint32_t pgno, int32_t p, bdb_entry *promote, bdb_entry *entry) {
-    bdb_page *pg = change_page(h, pgno);
+    bdb_page *pg = note_page(h, pgno);
     if (!pg) {
         entry_release(entry);
         return SR_NOPAGE;
     }
+    ChangeJournal *j = journal_of(h);
     if (bdb_data_fits(pg, entry)) {
-        if (bdb_insdatum(h, pg, p, entry) < 0) return SR_WRITEFAIL;
+        // Undone by taking the entry out again (noted first, forgotten if it
+        // never went in).
+        if (j && !j->note_inserted(pgno, p + 1)) {
+            entry_release(entry);
+            h->error = BDB_E_NOMEM;
+            return SR_NOMEM;
+        }
+        if (bdb_insdatum(h, pg, p, entry) < 0) {
+            if (j) j->drop_newest();
+            return SR_WRITEFAIL;
+        }
         return commit(h, pg, pgno) ? SR_DONE : SR_WRITEFAIL;
+    }
+    if (!keep_image(h, pg)) {
+        entry_release(entry);
+        return SR_NOMEM;
     }
 
     h->stats->splits++;
@@ -619,9 +662,15 @@ int deletekey(bdb_handle *h, uint32_t tpg, uint32_t ypg, int32_t i, bdb_entry *p
 // Removes entry m of page X directly: its left child is empty. The entry's own
 // child (a subtree beside a hole in an inner page) moves into the hole.
 int remove_direct(bdb_handle *h, uint32_t xpg, int32_t m, bdb_datum *data) {
-    bdb_page *X = change_page(h, xpg);
+    bdb_page *X = note_page(h, xpg);
     if (!X) return SR_NOPAGE;
     if (data && bdb_ret_data(h, X, data, m) < 0) return SR_NOPAGE;
+    // Undone by putting the entry back and the child before it.
+    ChangeJournal *j = journal_of(h);
+    if (j && !j->note_removed(xpg, X, m, child_at(X, m - 1))) {
+        h->error = BDB_E_NOMEM;
+        return SR_NOMEM;
+    }
     const uint32_t own = X->slots[m].childpg;
     if (own) set_child_at(X, m - 1, own);
     if (bdb_deldata(h, X, m, 0) < 0) return SR_WRITEFAIL;
@@ -687,11 +736,17 @@ namespace {
 // which may split the page or leave it smaller. Should placing it fail, the
 // journal puts the old record back.
 int replace(bdb_handle *h, bdb_datum *key, bdb_datum *data, uint32_t pgno, int32_t idx, bdb_entry *promote) {
-    bdb_page *pg = change_page(h, pgno);
+    bdb_page *pg = note_page(h, pgno);
     if (!pg) return SR_NOPAGE;
     const bdb_slot sl = pg->slots[idx];
+    ChangeJournal *j = journal_of(h);
     if (sl.datalen == data->len) {
         if (!slot_is_long(sl)) {
+            // Undone by the old bytes.
+            if (j && !j->note_bytes(pgno, pg, sl.dataref, data->len)) {
+                h->error = BDB_E_NOMEM;
+                return SR_NOMEM;
+            }
             if (data->len) std::memcpy(page_bytes(pg) + sl.dataref, data->ptr, data->len);
             return commit(h, pg, pgno) ? SR_DONE : SR_WRITEFAIL;
         }
@@ -703,6 +758,7 @@ int replace(bdb_handle *h, bdb_datum *key, bdb_datum *data, uint32_t pgno, int32
         return SR_DONE;
     }
 
+    if (!keep_image(h, pg)) return SR_NOMEM;
     const uint32_t old_in = bdb_key_data_size(pg, idx);
     bdb_entry ne{key->ptr, key->len, data->ptr, data->len, BDB_INSERT, sl.childpg};
     if (data->len >= BDB_LONGDATA) {

@@ -16,6 +16,8 @@ struct Spare {
     uint8_t *meta = nullptr;
     uint8_t *images = nullptr;
     uint32_t cap_images = 0;
+    uint8_t *arena = nullptr;
+    uint32_t cap_arena = 0;
     void *pages = nullptr;
     uint32_t cap_pages = 0;
     uint32_t (*runs)[2] = nullptr;
@@ -24,6 +26,7 @@ struct Spare {
     ~Spare() {
         std::free(meta);
         std::free(images);
+        std::free(arena);
         std::free(pages);
         std::free(runs);
     }
@@ -44,7 +47,7 @@ bool grow(T *&arr, uint32_t &cap, uint32_t need, size_t elem) {
 }
 
 // Copies the header and slots, and the entry area, of a page image; the free
-// gap between them carries nothing and is left as it is in dst.
+// gap between them is zero in dst.
 void copy_used(uint8_t *dst, const uint8_t *src) {
     const auto *p = reinterpret_cast<const bdb_page *>(src);
     const uint64_t head = kHeaderSize + static_cast<uint64_t>(kSlotSize) * p->nslots;
@@ -58,9 +61,9 @@ void copy_used(uint8_t *dst, const uint8_t *src) {
     std::memcpy(dst + ds, src + ds, kPageSize - ds);
 }
 
-ChangeJournal *journal_for(const bdb_handle *h) { return active && active->handle() == h ? active : nullptr; }
-
 }  // namespace
+
+ChangeJournal *journal_of(const bdb_handle *h) { return active && active->handle() == h ? active : nullptr; }
 
 ChangeJournal::ChangeJournal(bdb_handle *h) : h_(h), prev_(active) {
     if (!spare.in_use) {
@@ -69,6 +72,8 @@ ChangeJournal::ChangeJournal(bdb_handle *h) : h_(h), prev_(active) {
         meta_ = std::exchange(spare.meta, nullptr);
         images_ = std::exchange(spare.images, nullptr);
         cap_images_ = std::exchange(spare.cap_images, 0);
+        arena_ = std::exchange(spare.arena, nullptr);
+        cap_arena_ = std::exchange(spare.cap_arena, 0);
         pages_ = static_cast<Entry *>(std::exchange(spare.pages, nullptr));
         cap_pages_ = std::exchange(spare.cap_pages, 0);
         runs_ = std::exchange(spare.runs, nullptr);
@@ -77,8 +82,8 @@ ChangeJournal::ChangeJournal(bdb_handle *h) : h_(h), prev_(active) {
     // The meta image and room for a typical change are reserved up front, so
     // that only unusually deep changes allocate on the way.
     if (!meta_) meta_ = static_cast<uint8_t *>(std::malloc(kPageSize));
-    ok_ = meta_ && grow(images_, cap_images_, 16, kPageSize) && grow(pages_, cap_pages_, 32, sizeof(Entry)) &&
-          grow(runs_, cap_runs_, 8, sizeof(uint32_t[2]));
+    ok_ = meta_ && grow(images_, cap_images_, 16, kPageSize) && grow(arena_, cap_arena_, 4096, 1) &&
+          grow(pages_, cap_pages_, 32, sizeof(Entry)) && grow(runs_, cap_runs_, 8, sizeof(uint32_t[2]));
     active = this;
 }
 
@@ -88,6 +93,8 @@ ChangeJournal::~ChangeJournal() {
         spare.meta = meta_;
         spare.images = images_;
         spare.cap_images = cap_images_;
+        spare.arena = arena_;
+        spare.cap_arena = cap_arena_;
         spare.pages = pages_;
         spare.cap_pages = cap_pages_;
         spare.runs = runs_;
@@ -96,6 +103,7 @@ ChangeJournal::~ChangeJournal() {
     } else {
         std::free(meta_);
         std::free(images_);
+        std::free(arena_);
         std::free(pages_);
         std::free(runs_);
     }
@@ -107,10 +115,13 @@ void ChangeJournal::save_meta() {
     meta_saved_ = true;
 }
 
+// A page's image is kept once: the first image is the page before the
+// change. (Notes do not count: an image taken after a note undoes what came
+// after it, and the note is undone later.)
 bool ChangeJournal::save_page(const bdb_page *page, bool fresh) {
     const uint32_t pg = page->pgno;
     for (uint32_t i = 0; i < npages_; ++i)
-        if (pages_[i].pgno == pg) return true;
+        if (pages_[i].e.pgno == pg && pages_[i].e.kind <= SavedPage::kFresh) return true;
     if (!grow(pages_, cap_pages_, npages_ + 1, sizeof(Entry))) return false;
     uint32_t slot = 0;
     if (!fresh) {
@@ -118,8 +129,48 @@ bool ChangeJournal::save_page(const bdb_page *page, bool fresh) {
         slot = nimages_++;
         copy_used(images_ + static_cast<size_t>(slot) * kPageSize, page_bytes(page));
     }
-    pages_[npages_++] = Entry{pg, fresh, slot};
+    SavedPage e{};
+    e.kind = fresh ? SavedPage::kFresh : SavedPage::kImage;
+    e.pgno = pg;
+    pages_[npages_++] = Entry{e, slot};
     return true;
+}
+
+bool ChangeJournal::add(const SavedPage &e, const void *bytes, uint32_t n) {
+    if (!grow(pages_, cap_pages_, npages_ + 1, sizeof(Entry)) || !grow(arena_, cap_arena_, narena_ + n, 1))
+        return false;
+    if (n) std::memcpy(arena_ + narena_, bytes, n);
+    pages_[npages_++] = Entry{e, narena_};
+    narena_ += n;
+    return true;
+}
+
+bool ChangeJournal::note_inserted(uint32_t pgno, int32_t slot) {
+    SavedPage e{};
+    e.kind = SavedPage::kInserted;
+    e.pgno = pgno;
+    e.pos = slot;
+    return add(e, nullptr, 0);
+}
+
+bool ChangeJournal::note_bytes(uint32_t pgno, const bdb_page *page, uint32_t off, uint32_t len) {
+    SavedPage e{};
+    e.kind = SavedPage::kBytes;
+    e.pgno = pgno;
+    e.off = off;
+    e.len = len;
+    return add(e, page_bytes(page) + off, len);
+}
+
+bool ChangeJournal::note_removed(uint32_t pgno, const bdb_page *page, int32_t slot, uint32_t child_before) {
+    SavedPage e{};
+    e.kind = SavedPage::kRemoved;
+    e.pgno = pgno;
+    e.pos = slot;
+    e.off = child_before;
+    e.slot = page->slots[slot];
+    e.len = e.slot.keylen + (slot_is_long(e.slot) ? 0 : e.slot.datalen);
+    return add(e, page_bytes(page) + e.slot.keyoff, e.len);
 }
 
 bool ChangeJournal::defer_run(uint32_t first, uint32_t n) {
@@ -131,33 +182,38 @@ bool ChangeJournal::defer_run(uint32_t first, uint32_t n) {
 }
 
 SavedPage ChangeJournal::page(uint32_t newest_first) const {
-    const Entry &e = pages_[npages_ - 1 - newest_first];
-    return SavedPage{e.pgno, e.fresh, e.fresh ? nullptr : images_ + static_cast<size_t>(e.slot) * kPageSize};
+    const Entry &en = pages_[npages_ - 1 - newest_first];
+    SavedPage e = en.e;
+    if (e.kind == SavedPage::kImage)
+        e.bytes = images_ + static_cast<size_t>(en.at) * kPageSize;
+    else if (e.kind != SavedPage::kFresh)
+        e.bytes = arena_ + en.at;
+    return e;
 }
 
 void ChangeJournal::pause() { active = prev_; }
 
 void ChangeJournal::resume_empty() {
     meta_saved_ = false;
-    npages_ = nimages_ = nruns_ = 0;
+    npages_ = nimages_ = nruns_ = narena_ = 0;
     active = this;
 }
 
 bool journal_page_touched(bdb_handle *h, const bdb_page *page, bool fresh) {
-    ChangeJournal *j = journal_for(h);
+    ChangeJournal *j = journal_of(h);
     if (!j || j->save_page(page, fresh)) return true;
     h->error = BDB_E_NOMEM;
     return false;
 }
 
 void journal_meta_touched(bdb_handle *h) {
-    if (ChangeJournal *j = journal_for(h)) j->save_meta();
+    if (ChangeJournal *j = journal_of(h)) j->save_meta();
 }
 
 // Without room to remember the run it is released at once: the change then
 // cannot restore that one value, but nothing else is affected.
 bool journal_defer_run(bdb_handle *h, uint32_t first, uint32_t n) {
-    ChangeJournal *j = journal_for(h);
+    ChangeJournal *j = journal_of(h);
     return j && j->defer_run(first, n);
 }
 

@@ -32,20 +32,33 @@ namespace varlo {
 // The change journal
 // ---------------------------------------------------------------------------
 
-// Images kept by one journal: a tree page's image (the used part of the
-// page; the free gap reads as zero), or a page the change allocated (fresh:
-// nothing to put back but a cache record to drop).
+// What one journal entry puts back, newest first:
+//  - kImage: a tree page's image (the used part of the page; the free gap
+//    reads as zero);
+//  - kFresh: a page the change allocated (nothing to put back but a cache
+//    record to drop);
+//  - and, for changes that stay on one page, a note that undoes them without
+//    a copy of the page: kInserted (the entry placed at slot `pos` goes
+//    again, its long value's pages kept), kBytes (the `len` bytes at `off`
+//    get their old content back: a value overwritten where it lies),
+//    kRemoved (the entry `slot` comes back at slot `pos`, key and inline
+//    value bytes in `bytes`, and the child before it becomes `off` again).
 struct SavedPage {
+    enum Kind : uint8_t { kImage, kFresh, kInserted, kBytes, kRemoved };
+    Kind kind;
     uint32_t pgno;
-    bool fresh;
-    const uint8_t *image;  // kPageSize bytes; null when fresh
+    const uint8_t *bytes;  // kImage: kPageSize bytes; kBytes / kRemoved: the saved bytes
+    int32_t pos;
+    uint32_t off, len;
+    bdb_slot slot;
 };
 
 // The journal of the change running on a handle. While it lives, page
-// storage saves into it every tree page fetched for update, every page made
-// or freed, the meta page before its first change, and the long-value runs
-// released (their release is deferred so that a failed change can restore
-// the records that use them). Memory is kept per thread between changes.
+// storage saves into it every tree page fetched for update (unless the
+// engine notes its own undo), every page made or freed, the meta page before
+// its first change, and the long-value runs released (their release is
+// deferred so that a failed change can restore the records that use them).
+// Memory is kept per thread between changes.
 class ChangeJournal {
 public:
     explicit ChangeJournal(bdb_handle *h);
@@ -60,8 +73,14 @@ public:
     bool save_page(const bdb_page *page, bool fresh);
     void save_meta();
     bool defer_run(uint32_t first, uint32_t n);
+    // Notes (false: no memory, nothing noted).
+    bool note_inserted(uint32_t pgno, int32_t slot);
+    bool note_bytes(uint32_t pgno, const bdb_page *page, uint32_t off, uint32_t len);
+    bool note_removed(uint32_t pgno, const bdb_page *page, int32_t slot, uint32_t child_before);
+    // Forgets the newest entry (its change did not happen after all).
+    void drop_newest() { --npages_; }
 
-    // What was saved, newest page first, for putting back.
+    // What was saved, newest first, for putting back.
     uint32_t page_count() const { return npages_; }
     SavedPage page(uint32_t newest_first) const;
     const uint8_t *meta_image() const { return meta_saved_ ? meta_ : nullptr; }
@@ -73,24 +92,30 @@ public:
     void resume_empty();
 
 private:
+    bool add(const SavedPage &e, const void *bytes, uint32_t n);
+
     bdb_handle *h_;
     ChangeJournal *prev_;
     bool ok_ = false;
     bool borrowed_ = false;
     bool meta_saved_ = false;
     uint8_t *meta_ = nullptr;
-    uint8_t *images_ = nullptr;
+    uint8_t *images_ = nullptr;  // page images, kPageSize each
     uint32_t cap_images_ = 0, nimages_ = 0;
+    uint8_t *arena_ = nullptr;  // bytes of the notes
+    uint32_t cap_arena_ = 0, narena_ = 0;
     struct Entry {
-        uint32_t pgno;
-        bool fresh;
-        uint32_t slot;
+        SavedPage e;  // e.bytes is unset: `at` says where they are
+        uint32_t at;  // kImage: index in images_; kBytes / kRemoved: offset in arena_
     };
     Entry *pages_ = nullptr;
     uint32_t cap_pages_ = 0, npages_ = 0;
     uint32_t (*runs_)[2] = nullptr;
     uint32_t cap_runs_ = 0, nruns_ = 0;
 };
+
+// The journal running on h, or null.
+ChangeJournal *journal_of(const bdb_handle *h);
 
 // Hooks for page storage; they do nothing when no journal runs on h.
 // journal_page_touched is false (BDB_E_NOMEM in the handle) when the image
