@@ -212,6 +212,7 @@ struct Sim {
         crashed = false;
         varlo::sysio.open = open;
         varlo::sysio.close = close;
+        varlo::sysio.pread = [](int fd, void *b, size_t n, off_t off) { return ::pread(fd, b, n, off); };
         varlo::sysio.pwrite = pwrite;
         varlo::sysio.fsync = fsync;
         varlo::sysio.ftruncate = ftruncate;

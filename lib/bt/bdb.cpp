@@ -315,8 +315,12 @@ bdb_handle *bdb_open(const char *path, int reserved, int flags, int mode, const 
             // another process holds it alone.
             return bdb_open_error(h, "Database already opened privately by another process", BDB_E_SHARE, err);
         }
+        // Page reads come from a read-only mapping of the file when the
+        // system gives one (a read call otherwise).
+        h->fmap = static_cast<const uint8_t *>(sysio.map(h->fd, kMapBytes, 0, false));
         struct stat st;
         if (sysio.fstat(h->fd, &st) < 0) return bdb_open_error(h, "db stat", BDB_E_IO, err);
+        if (!S_ISREG(st.st_mode)) return bdb_open_error(h, "not a regular file", BDB_E_DBTYPE, err);
         h->blksize = static_cast<uint32_t>(st.st_blksize);
         if (st.st_size < static_cast<off_t>(kPageSize)) return bdb_open_error(h, "meta size", BDB_E_DBTYPE, err);
         if (reads_meta && read_full(h->fd, h->meta, kPageSize, 0) < 0)

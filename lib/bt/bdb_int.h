@@ -27,6 +27,7 @@ static_assert(offsetof(bdb_meta, reserved4) == 16);
 static_assert(offsetof(bdb_meta, root) == 20);
 static_assert(offsetof(bdb_meta, pgmap) == 24);
 static_assert(24 + BDB_MAPWORDS * 4 == BDB_PGSIZE);
+static_assert(varlo::kMapBytes == static_cast<size_t>(BDB_MAXPAGES) * BDB_PGSIZE);
 static_assert(BDB_MAPWORDS * 32 == BDB_MAXPAGES);
 
 static_assert(sizeof(bdb_slot) == 24);

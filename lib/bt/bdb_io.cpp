@@ -522,8 +522,16 @@ extern "C" int bdb_write_dpage(bdb_handle *h, uint32_t pg, const void *src, uint
     return 0;
 }
 
+// Reads come from the file's mapping when there is one and the pages lie
+// within the file as the page count knows it (kept exact under the database
+// mutex, so a page past the end is never touched), else from a read call.
 extern "C" int bdb_read_dpage(bdb_handle *h, uint32_t pg, void *dst, uint32_t n) {
     h->stats->page_reads++;
+    const uint64_t end = (static_cast<uint64_t>(pg) << kPageShift) + n;
+    if (h->fmap && end <= static_cast<uint64_t>(*h->npages_ref) << kPageShift && mapped_reads()) {
+        std::memcpy(dst, h->fmap + (static_cast<size_t>(pg) << kPageShift), n);
+        return 0;
+    }
     if (read_full(h->fd, dst, n, static_cast<off_t>(pg) << kPageShift) < 0) {
         fail(h, BDB_E_READ, "db read");
         return -1;

@@ -443,6 +443,8 @@ int bdb_do_close(bdb_handle *h) {
     if (h->fd != -1) {
         rc = (h->flags & BDB_F_LOCKED) ? bdb_lock(h, BDB_UNLOCK, 3) : 0;
         metalog_close(h);
+        if (h->fmap) sysio.unmap(const_cast<uint8_t *>(h->fmap), kMapBytes);
+        h->fmap = nullptr;
         if (sysio.close(h->fd) < 0) {
             h->error = BDB_E_IO;
             bdb_errlog(h, "db close");
@@ -483,6 +485,7 @@ int bdb_add_thread(bdb_hndl_entry *entry, bdb_handle *h) {
     }
     const bdb_handle *first = entry->handles[0];
     h->fd = first->fd;
+    h->fmap = first->fmap;
     h->mlog = first->mlog;
     h->blksize = first->blksize;
     h->npages = first->npages;

@@ -50,6 +50,8 @@ SysIo sysio = kSystem;
 
 void sysio_reset() { sysio = kSystem; }
 
+bool mapped_reads() { return sysio.pread == kSystem.pread; }
+
 int read_full(int fd, void *buf, size_t n, off_t off) {
     auto *p = static_cast<uint8_t *>(buf);
     while (n > 0) {

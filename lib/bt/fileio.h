@@ -32,6 +32,13 @@ extern SysIo sysio;
 // Puts the system calls back (tests call it after injecting faults).
 void sysio_reset();
 
+// Page reads may come from a read-only mapping of the file instead of a
+// read call, but only while the seam's pread is the system's (a test that
+// replaces it sees every read). kMapBytes is the mapping's length: the
+// largest file there can be (pages past the file's end are never touched).
+inline constexpr size_t kMapBytes = static_cast<size_t>(65344) * 8192;
+bool mapped_reads();
+
 // Transfers of exactly n bytes at off, continued after EINTR and short
 // counts: 0, or -1 with errno set (EIO for a read that meets the end of the
 // file, ENOSPC for a write that makes no progress).
