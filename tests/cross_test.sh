@@ -30,6 +30,6 @@ if run $native step "$dir/shared.db" 0 le; then
   run wait $p0
   run wait $p1
 fi
-run $native ipc "$dir/shared.db"
+for db in from-be from-le shared; do run $native ipc "$dir/$db.db"; done
 echo "$passed passed, $failed failed"
 [ "$failed" = 0 ]
