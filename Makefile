@@ -28,7 +28,8 @@ SOAK ?= 10
 # 32-bit and the s390x builds).
 DEPS := cmake:cmake g++:g++ make:make pkg-config:pkg-config /usr/include/gtest/gtest.h:libgtest-dev
 PACKAGE_DEPS := dpkg-deb:dpkg dpkg-shlibdeps:dpkg-dev
-TEST_DEPS := /usr/src/googletest/googletest/CMakeLists.txt:googletest /usr/lib/gcc/x86_64-linux-gnu/12/32:g++-12-multilib \
+TEST_DEPS := /usr/src/googletest/googletest/CMakeLists.txt:googletest \
+  /usr/lib/gcc/x86_64-linux-gnu/12/32/libstdc++.so:g++-12-multilib /usr/include/x86_64-linux-gnu/gnu/stubs-32.h:g++-12-multilib \
   s390x-linux-gnu-g++:g++-s390x-linux-gnu /usr/s390x-linux-gnu/include/stdio.h:libc6-dev-s390x-cross qemu-s390x:qemu-user
 deps:
 	@missing=""; \
