@@ -1,6 +1,8 @@
-# varlo: `make run` (build and run the example), `make test` (all tests, then
-# again under AddressSanitizer + UndefinedBehaviorSanitizer, and the thread
-# tests under ThreadSanitizer), `make bench`, `make soak`, `make install`
+# varlo: `make run` (build and run the example), `make test` (all tests as a
+# 32-bit x86 program and as a big-endian s390x program under qemu, then
+# natively with the cross-build test, again under AddressSanitizer +
+# UndefinedBehaviorSanitizer, and the thread tests under ThreadSanitizer),
+# `make bench`, `make soak`, `make install`
 # (PREFIX, default /usr/local; DESTDIR honoured), `make package` (a .deb).
 SHELL := /bin/bash
 MAKEFLAGS += --no-print-directory
@@ -10,17 +12,25 @@ ASAN := build-asan
 TSAN := build-tsan
 RELEASE := build-release
 PACKAGE := build-package
+M32 := build-m32
+S390X := build-s390x
+# How the big-endian build's programs run here (as in cmake/s390x.cmake).
+S390X_RUN := qemu-s390x -L /usr/s390x-linux-gnu
 PREFIX ?= /usr/local
 CMAKE_FLAGS := -DVARLO_WERROR=ON
 SOAK ?= 10
 
-.PHONY: run test test-plain test-asan test-tsan bench soak install package deps clean
+.PHONY: run test test-deps test-plain test-m32 test-s390x test-asan test-tsan bench soak install package deps clean
 
 # Everything the targets need, as COMMAND:PACKAGE (or /FILE:PACKAGE);
 # installed when missing (as root with apt-get), or the exact command to run
-# is printed. `make package` adds PACKAGE_DEPS.
+# is printed. `make package` adds PACKAGE_DEPS, `make test` TEST_DEPS (the
+# 32-bit and the s390x builds).
 DEPS := cmake:cmake g++:g++ make:make pkg-config:pkg-config /usr/include/gtest/gtest.h:libgtest-dev
 PACKAGE_DEPS := dpkg-deb:dpkg dpkg-shlibdeps:dpkg-dev
+TEST_DEPS := /usr/src/googletest/googletest/CMakeLists.txt:googletest \
+  /usr/lib/gcc/x86_64-linux-gnu/12/32/libstdc++.so:g++-12-multilib /usr/include/x86_64-linux-gnu/gnu/stubs-32.h:g++-12-multilib \
+  s390x-linux-gnu-g++:g++-s390x-linux-gnu /usr/s390x-linux-gnu/include/stdio.h:libc6-dev-s390x-cross qemu-s390x:qemu-user
 deps:
 	@missing=""; \
 	for d in $(DEPS) $(EXTRA_DEPS); do \
@@ -43,12 +53,28 @@ run: deps
 	./$(BUILD)/examples/varlo_example "$$dir/example.db"; rc=$$?; \
 	rm -rf "$$dir"; exit $$rc
 
-test: deps test-plain test-asan test-tsan
+# The 32-bit and the big-endian builds come first: the native build's
+# cross_test runs their cross_driver programs against its own.
+test: test-deps test-m32 test-s390x test-plain test-asan test-tsan
+
+test-deps:
+	@$(MAKE) deps EXTRA_DEPS="$(TEST_DEPS)"
 
 test-plain:
-	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DVARLO_CROSS_M32="$(CURDIR)/$(M32)/tests/cross_driver" \
+	  -DVARLO_CROSS_BE="$(S390X_RUN) $(CURDIR)/$(S390X)/tests/cross_driver" >/dev/null
 	cmake --build $(BUILD) -j$(JOBS)
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
+
+# 32-bit x86 (g++-12-multilib) and big-endian s390x (cross compiler, qemu):
+# every test, googletest built from its sources for each; -O2 without debug
+# information, which takes a third less compile time.
+test-m32 test-s390x: test-%:
+	cmake -S . -B build-$* $(CMAKE_FLAGS) -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_FLAGS_RELEASE=-O2 \
+	  -DCMAKE_CXX_FLAGS_RELEASE=-O2 -DCMAKE_TOOLCHAIN_FILE=cmake/$*.cmake >/dev/null
+	cmake --build build-$* -j$(JOBS)
+	cd build-$* && ctest --output-on-failure -j$(JOBS)
 
 test-asan:
 	cmake -S . -B $(ASAN) $(CMAKE_FLAGS) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVARLO_SANITIZE=address,undefined >/dev/null
@@ -95,4 +121,4 @@ soak: deps
 	cd $(BUILD) && VARLO_SOAK=$(SOAK) ctest --output-on-failure -j$(JOBS) -L model --timeout 7200
 
 clean:
-	rm -rf $(BUILD) $(ASAN) $(TSAN) $(RELEASE) $(PACKAGE)
+	rm -rf $(BUILD) $(ASAN) $(TSAN) $(RELEASE) $(PACKAGE) $(M32) $(S390X)

@@ -180,6 +180,7 @@ static int scan(struct reader *r, bdb_handle *h, unsigned long long *count) {
     for (;;) {
         char *sp;
         size_t klen, vlen;
+        unsigned long long vbytes;
         st = next_line(r, &len);
         if (st == LINE_EOF) {
             fprintf(stderr, "%s: truncated dump: no \"records=\" trailer after %llu records\n", r->src, n);
@@ -209,7 +210,8 @@ static int scan(struct reader *r, bdb_handle *h, unsigned long long *count) {
                     (unsigned long)(klen / 2), (unsigned)BDB_MAXKEY);
             return -1;
         }
-        if ((unsigned long long)vlen / 2 > 0xffffffffULL) {
+        vbytes = vlen / 2; /* 64-bit: a 32-bit size_t can never exceed the limit */
+        if (vbytes > 0xffffffffULL) {
             fprintf(stderr, "%s:%lu: bad record line: value too long\n", r->src, r->lineno);
             return -1;
         }

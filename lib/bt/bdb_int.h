@@ -75,6 +75,9 @@ static_assert(offsetof(bdb_shared, sh_recs) == 16472);
 static_assert(offsetof(bdb_shared, sh_bufs) == 16472 + 144);
 static_assert(offsetof(bdb_shared, spare) == 65768);
 
+// File offsets are 64-bit in every build (large-file interfaces in 32-bit ones).
+static_assert(sizeof(off_t) == 8, "build with _FILE_OFFSET_BITS=64");
+
 // The embedded layout of a private handle puts the log map where the
 // trailing name array begins and the meta page right after 8172 bytes of it.
 static_assert(offsetof(bdb_handle, name_buf) % 4 == 0);
