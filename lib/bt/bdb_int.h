@@ -257,6 +257,10 @@ struct LogScan;
 // crash gives the same result.
 int restore_last_sync(bdb_handle *h, const LogScan &scan);
 
+// Clears the update mark of a cached page that a change held and did not
+// commit (so that the cache may take its record again).
+void cache_unpin(bdb_handle *h, uint32_t pg);
+
 // The meta page copy as it stands in the file (converted when the file is
 // in the other byte order), kPageSize bytes.
 void meta_file_image(const bdb_handle *h, void *out);

@@ -200,10 +200,17 @@ void take_deferred(bdb_handle *h, uint32_t rec, uint8_t *buf) {
 }
 
 // Age-counter scan over every record (the cache of a shared area).
+// A page held for update (its update mark set while a change works on it)
+// is never taken for another page while any other record can be.
+inline bool pinned(const bdb_handle *h, uint32_t rec) {
+    const auto *p = reinterpret_cast<const bdb_page *>(buffer(h, rec));
+    return h->cache[rec].pgno != 0 && p->pgno == h->cache[rec].pgno && (p->flags & BDB_PGBUSY);
+}
+
 void *cache_pg_scan(bdb_handle *h, uint32_t pg) {
     bdb_cachepg *c = h->cache;
-    uint32_t victim = 0;
-    int32_t oldest = c[0].age;
+    uint32_t victim = 0, free_victim = kNone;
+    int32_t oldest = c[0].age, free_oldest = 0;
     uint32_t hit = kNone;
     for (uint32_t i = 0; i < h->ncache; ++i) {
         if (c[i].pgno == pg) {
@@ -216,9 +223,14 @@ void *cache_pg_scan(bdb_handle *h, uint32_t pg) {
             victim = i;
             oldest = c[i].age;
         }
+        if (!pinned(h, i) && (free_victim == kNone || c[i].age > free_oldest)) {
+            free_victim = i;
+            free_oldest = c[i].age;
+        }
         c[i].age++;
     }
     if (hit != kNone) return buffer(h, hit);
+    if (free_victim != kNone) victim = free_victim;
     if ((c[victim].flags & BDB_CACHE_DIRTY) && write_back(h, victim) < 0) return nullptr;
     c[victim].pgno = pg;
     c[victim].age = 0;
@@ -241,6 +253,8 @@ void *cache_pg_indexed(bdb_handle *h, uint32_t pg) {
         return buffer(h, rec);
     }
     uint32_t victim = ix->head;
+    while (victim != kNone && pinned(h, victim)) victim = h->cache[victim].lru_next;
+    if (victim == kNone) victim = ix->head;  // every record held: the oldest goes all the same
     bdb_cachepg &v = h->cache[victim];
     if ((v.flags & BDB_CACHE_DIRTY) && write_back(h, victim) < 0) return nullptr;
     if (v.pgno) hremove(h, ix, victim);
@@ -391,6 +405,7 @@ extern "C" bdb_page *bdb_get_dpage(bdb_handle *h, uint32_t pg, int flags) {
     }
     if (!(flags & kNoImage) && !journal_page_touched(h, page, false)) return nullptr;
     page->flags |= BDB_PGBUSY;
+    journal_pinned(h, pg);
     return page;
 }
 
@@ -418,8 +433,18 @@ extern "C" bdb_page *bdb_new_dpage(bdb_handle *h) {
         bdb_inval_cache_pg(h, pg);
         return nullptr;
     }
+    journal_pinned(h, pg);
     return page;
 }
+
+namespace varlo {
+void cache_unpin(bdb_handle *h, uint32_t pg) {
+    const uint32_t rec = find_record(h, pg);
+    if (rec == kNone) return;
+    auto *p = reinterpret_cast<bdb_page *>(buffer(h, rec));
+    if (p->pgno == pg) p->flags &= ~BDB_PGBUSY;
+}
+}  // namespace varlo
 
 extern "C" int bdb_update_dpage(bdb_handle *h, bdb_page *page) {
     page->flags &= ~BDB_PGBUSY;

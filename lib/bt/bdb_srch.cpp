@@ -37,6 +37,7 @@ constexpr int SR_EMPTYSUB = 100;
 // The change succeeded: release the runs it gave up.
 void finish(bdb_handle *h, ChangeJournal &j) {
     j.pause();
+    for (uint32_t pg : j.pins()) cache_unpin(h, pg);
     for (const auto &run : j.deferred_runs()) bdb_del_dpages(h, run[0], run[1]);
     j.resume_empty();
 }
@@ -95,6 +96,7 @@ void undo(bdb_handle *h, ChangeJournal &j) {
         std::memcpy(h->meta, meta, kPageSize);
         *h->state_ref |= BDB_METADIRTY;
     }
+    for (uint32_t pg : j.pins()) cache_unpin(h, pg);
     h->error = saved_error;
     j.resume_empty();
 }
@@ -369,11 +371,6 @@ int insert(bdb_handle *h, uint32_t pgno, int32_t p, bdb_entry *promote, bdb_entr
         return SR_WRITEFAIL;
     }
     const uint32_t newpg = np->pgno;
-    if (!(pg = change_page(h, pgno)) || !(np = bdb_get_dpage(h, newpg, BDB_FORUPDATE))) {
-        entry_release(&sep);
-        entry_release(entry);
-        return SR_NOPAGE;
-    }
 
     // The upper part moves to the new page in one block.
     if (!append_block(np, pg, static_cast<uint32_t>(s) + 1, static_cast<uint32_t>(c))) {
@@ -525,9 +522,7 @@ int underflow(bdb_handle *h, uint32_t ppg, uint32_t lpg, uint32_t rpg, int32_t c
     if (lpg == 0 || rpg == 0 || n == 0) return SR_DONE;
 
     bdb_page *L, *R;
-    if (!(P = change_page(h, ppg)) || !(L = change_page(h, lpg)) || !(R = change_page(h, rpg)) ||
-        !(P = change_page(h, ppg)) || !(L = change_page(h, lpg)))
-        return SR_NOPAGE;
+    if (!(P = change_page(h, ppg)) || !(L = change_page(h, lpg)) || !(R = change_page(h, rpg))) return SR_NOPAGE;
     const int32_t sepidx = last ? c : c + 1;
 
     // The separator comes down first.
@@ -643,7 +638,7 @@ int deletekey(bdb_handle *h, uint32_t tpg, uint32_t ypg, int32_t i, bdb_entry *p
 
     // Y's last entry is the predecessor.
     bdb_page *T = change_page(h, tpg);
-    if (!T || !(Y = change_page(h, ypg)) || !(T = change_page(h, tpg))) return SR_NOPAGE;
+    if (!T || !(Y = change_page(h, ypg))) return SR_NOPAGE;
     Y->slots[l].childpg = T->slots[i].childpg;
     if (data && bdb_ret_data(h, T, data, i) < 0) return SR_NOPAGE;
     if (bdb_deldata(h, T, i, 0) < 0) return SR_WRITEFAIL;

@@ -22,6 +22,8 @@ struct Spare {
     uint32_t cap_pages = 0;
     uint32_t (*runs)[2] = nullptr;
     uint32_t cap_runs = 0;
+    uint32_t *pins = nullptr;
+    uint32_t cap_pins = 0;
     bool in_use = false;
     ~Spare() {
         std::free(meta);
@@ -29,6 +31,7 @@ struct Spare {
         std::free(arena);
         std::free(pages);
         std::free(runs);
+        std::free(pins);
     }
 };
 thread_local Spare spare;
@@ -78,12 +81,15 @@ ChangeJournal::ChangeJournal(bdb_handle *h) : h_(h), prev_(active) {
         cap_pages_ = std::exchange(spare.cap_pages, 0);
         runs_ = std::exchange(spare.runs, nullptr);
         cap_runs_ = std::exchange(spare.cap_runs, 0);
+        pins_ = std::exchange(spare.pins, nullptr);
+        cap_pins_ = std::exchange(spare.cap_pins, 0);
     }
     // The meta image and room for a typical change are reserved up front, so
     // that only unusually deep changes allocate on the way.
     if (!meta_) meta_ = static_cast<uint8_t *>(std::malloc(kPageSize));
     ok_ = meta_ && grow(images_, cap_images_, 16, kPageSize) && grow(arena_, cap_arena_, 4096, 1) &&
-          grow(pages_, cap_pages_, 32, sizeof(Entry)) && grow(runs_, cap_runs_, 8, sizeof(uint32_t[2]));
+          grow(pages_, cap_pages_, 32, sizeof(Entry)) && grow(runs_, cap_runs_, 8, sizeof(uint32_t[2])) &&
+          grow(pins_, cap_pins_, 16, sizeof(uint32_t));
     active = this;
 }
 
@@ -99,6 +105,8 @@ ChangeJournal::~ChangeJournal() {
         spare.cap_pages = cap_pages_;
         spare.runs = runs_;
         spare.cap_runs = cap_runs_;
+        spare.pins = pins_;
+        spare.cap_pins = cap_pins_;
         spare.in_use = false;
     } else {
         std::free(meta_);
@@ -106,6 +114,7 @@ ChangeJournal::~ChangeJournal() {
         std::free(arena_);
         std::free(pages_);
         std::free(runs_);
+        std::free(pins_);
     }
 }
 
@@ -191,11 +200,19 @@ SavedPage ChangeJournal::page(uint32_t newest_first) const {
     return e;
 }
 
+bool ChangeJournal::pin(uint32_t pgno) {
+    for (uint32_t i = 0; i < npins_; ++i)
+        if (pins_[i] == pgno) return true;
+    if (!grow(pins_, cap_pins_, npins_ + 1, sizeof(uint32_t))) return false;
+    pins_[npins_++] = pgno;
+    return true;
+}
+
 void ChangeJournal::pause() { active = prev_; }
 
 void ChangeJournal::resume_empty() {
     meta_saved_ = false;
-    npages_ = nimages_ = nruns_ = narena_ = 0;
+    npages_ = nimages_ = nruns_ = narena_ = npins_ = 0;
     active = this;
 }
 
@@ -208,6 +225,13 @@ bool journal_page_touched(bdb_handle *h, const bdb_page *page, bool fresh) {
 
 void journal_meta_touched(bdb_handle *h) {
     if (ChangeJournal *j = journal_of(h)) j->save_meta();
+}
+
+// A page whose pin cannot be remembered keeps its mark until a later change
+// commits it: the cache then has one record fewer to choose from, nothing
+// more.
+void journal_pinned(bdb_handle *h, uint32_t pgno) {
+    if (ChangeJournal *j = journal_of(h)) (void)j->pin(pgno);
 }
 
 // Without room to remember the run it is released at once: the change then

@@ -79,6 +79,10 @@ public:
     bool note_removed(uint32_t pgno, const bdb_page *page, int32_t slot, uint32_t child_before);
     // Forgets the newest entry (its change did not happen after all).
     void drop_newest() { --npages_; }
+    // Pages held for update during the change (their update mark keeps the
+    // cache from taking them); the owner clears the marks left at its end.
+    bool pin(uint32_t pgno);
+    std::span<const uint32_t> pins() const { return {pins_, npins_}; }
 
     // What was saved, newest first, for putting back.
     uint32_t page_count() const { return npages_; }
@@ -112,6 +116,8 @@ private:
     uint32_t cap_pages_ = 0, npages_ = 0;
     uint32_t (*runs_)[2] = nullptr;
     uint32_t cap_runs_ = 0, nruns_ = 0;
+    uint32_t *pins_ = nullptr;
+    uint32_t cap_pins_ = 0, npins_ = 0;
 };
 
 // The journal running on h, or null.
@@ -124,6 +130,9 @@ bool journal_page_touched(bdb_handle *h, const bdb_page *page, bool fresh);
 void journal_meta_touched(bdb_handle *h);
 // True when the release of the run was deferred to the end of the change.
 bool journal_defer_run(bdb_handle *h, uint32_t first, uint32_t n);
+// A page just held for update (or made): its mark is cleared at the end of
+// the change if nothing committed it.
+void journal_pinned(bdb_handle *h, uint32_t pgno);
 
 // ---------------------------------------------------------------------------
 // The meta log
