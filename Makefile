@@ -1,6 +1,7 @@
 # varlo: `make run` (build and run the example), `make test` (all tests, then
 # again under AddressSanitizer + UndefinedBehaviorSanitizer, and the thread
-# tests under ThreadSanitizer), `make bench`, `make soak`, `make install`
+# tests under ThreadSanitizer), `make bench`, `make bench-peers` (varlo next
+# to other engines; PEERS_ARGS), `make soak`, `make install`
 # (PREFIX, default /usr/local; DESTDIR honoured), `make package` (a .deb).
 SHELL := /bin/bash
 MAKEFLAGS += --no-print-directory
@@ -14,13 +15,16 @@ PREFIX ?= /usr/local
 CMAKE_FLAGS := -DVARLO_WERROR=ON
 SOAK ?= 10
 
-.PHONY: run test test-plain test-asan test-tsan bench soak install package deps clean
+.PHONY: run test test-plain test-asan test-tsan bench bench-peers soak install package deps clean
 
 # Everything the targets need, as COMMAND:PACKAGE (or /FILE:PACKAGE);
 # installed when missing (as root with apt-get), or the exact command to run
-# is printed. `make package` adds PACKAGE_DEPS.
+# is printed. `make package` adds PACKAGE_DEPS, `make bench-peers` PEERS_DEPS.
 DEPS := cmake:cmake g++:g++ make:make pkg-config:pkg-config /usr/include/gtest/gtest.h:libgtest-dev
 PACKAGE_DEPS := dpkg-deb:dpkg dpkg-shlibdeps:dpkg-dev
+PEERS_DEPS := /usr/include/lmdb.h:liblmdb-dev /usr/include/leveldb/db.h:libleveldb-dev /usr/include/db.h:libdb-dev \
+  /usr/include/sqlite3.h:libsqlite3-dev /usr/include/gdbm.h:libgdbm-dev /usr/include/kcpolydb.h:libkyotocabinet-dev \
+  gnuplot:gnuplot-nox
 deps:
 	@missing=""; \
 	for d in $(DEPS) $(EXTRA_DEPS); do \
@@ -71,6 +75,16 @@ bench: deps
 	@./$(RELEASE)/bench/varlo_bench_nolog $(BENCH_ARGS) --csv=$(RELEASE)/nolog.csv >$(RELEASE)/nolog.txt || \
 	  { cat $(RELEASE)/nolog.txt; exit 1; }
 	./$(RELEASE)/bench/varlo_bench $(BENCH_ARGS) --baseline=$(RELEASE)/nolog.csv
+
+# varlo next to LMDB, LevelDB, Berkeley DB, SQLite, gdbm and Kyoto Cabinet
+# (bench/peers): installs them and gnuplot, prints the table, writes
+# $(RELEASE)/peers.csv and the chart $(RELEASE)/peers.png. Options through
+# PEERS_ARGS, e.g. PEERS_ARGS="--num=200000 --cache_mb=512".
+bench-peers:
+	@$(MAKE) deps EXTRA_DEPS="$(PEERS_DEPS)"
+	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DVARLO_TESTS=OFF -DVARLO_PEERS=ON >/dev/null
+	cmake --build $(RELEASE) -j$(JOBS) --target varlo_peers
+	./$(RELEASE)/bench/peers/varlo_peers --csv=$(RELEASE)/peers.csv --png=$(RELEASE)/peers.png $(PEERS_ARGS)
 
 # The library, headers, tools, varlo.pc and the CMake package under PREFIX
 # (DESTDIR prepended, for staged installs); a Release build of its own.
