@@ -105,22 +105,23 @@ struct EngineSpec {
     const char *label;  // column of the table
     std::unique_ptr<Engine> (*make)(const Options &);
     bool varlo;
+    const char *color;  // of its bars
 };
 
 const EngineSpec kEngines[] = {
-    {"varlo", "varlo", [](const Options &o) { return make_varlo(o, false); }, true},
-    {"varlo-shared", "varlo shared", [](const Options &o) { return make_varlo(o, true); }, true},
-    {"lmdb", "LMDB", make_lmdb, false},
-    {"leveldb", "LevelDB", make_leveldb, false},
-    {"bdb", "Berkeley DB", make_berkeleydb, false},
-    {"sqlite", "SQLite", make_sqlite, false},
-    {"gdbm", "gdbm", make_gdbm, false},
-    {"kyoto", "Kyoto", make_kyoto, false},
+    {"varlo", "varlo", [](const Options &o) { return make_varlo(o, false); }, true, "#c0392b"},
+    {"varlo-shared", "varlo shared", [](const Options &o) { return make_varlo(o, true); }, true, "#f1948a"},
+    {"lmdb", "LMDB", make_lmdb, false, "#2471a3"},
+    {"leveldb", "LevelDB", make_leveldb, false, "#28b463"},
+    {"bdb", "Berkeley DB", make_berkeleydb, false, "#7d3c98"},
+    {"sqlite", "SQLite", make_sqlite, false, "#d68910"},
+    {"gdbm", "gdbm", make_gdbm, false, "#17a589"},
+    {"kyoto", "Kyoto", make_kyoto, false, "#566573"},
 };
 
 enum Phase { FillSeq, FillRandom, Overwrite, ReadRandom, ReadMissing, ReadSeq, DeleteRandom, Fill4k, Read4k, kPhases };
-const char *const kPhaseNames[kPhases] = {"fillseq",     "fillrandom", "overwrite",    "readrandom", "readmissing",
-                                          "readseq",     "deleterandom", "fill4k",     "read4k"};
+const char *const kPhaseNames[kPhases] = {"fillseq", "fillrandom",   "overwrite", "readrandom", "readmissing",
+                                          "readseq", "deleterandom", "fill4k",    "read4k"};
 
 struct Result {
     const EngineSpec *spec;
@@ -493,8 +494,7 @@ void chart(const std::vector<Result> &results, const Config &cfg, const std::str
       << " MiB cache, every write phase ending with one sync (" << when << ")\"\n"
       << "set style data histograms\nset style histogram clustered gap 1\n"
       << "set style fill solid 0.9 border rgb '#404040'\nset boxwidth 0.9\nset xtics nomirror\n"
-      << "set key outside below center horizontal\nset grid ytics\n"
-      << "colors = '#c0392b #f1948a #2471a3 #28b463 #7d3c98 #d68910 #17a589 #566573'\n";
+      << "set key outside right top vertical samplen 2\nset grid ytics\n";
     if (log)
         s << "set logscale y\nset yrange [" << std::pow(10, std::floor(std::log10(lo))) << ":"
           << std::pow(10, std::ceil(std::log10(hi * 1.5))) << "]\nset ylabel 'µs per operation (log scale)'\n";
@@ -508,8 +508,11 @@ void chart(const std::vector<Result> &results, const Config &cfg, const std::str
         for (const auto &r : results) s << " " << r.us[p];
         s << "\n";
     }
-    s << "EOD\nplot for [c=2:" << results.size() + 1
-      << "] $d using c:xtic(1) title columnheader(c) linecolor rgb word(colors, c-1)\n";
+    s << "EOD\nplot";
+    for (size_t c = 0; c < results.size(); ++c)
+        s << (c ? ", ''" : " $d") << " using " << c + 2 << (c ? "" : ":xtic(1)") << " title columnheader(" << c + 2
+          << ") linecolor rgb '" << results[c].spec->color << "'";
+    s << "\n";
     FILE *g = ::popen("gnuplot", "w");
     if (!g) fail("cannot run gnuplot: %s", std::strerror(errno));
     std::fputs(s.str().c_str(), g);
