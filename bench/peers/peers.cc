@@ -496,8 +496,8 @@ void chart(const std::vector<Result> &results, const Config &cfg, const std::str
       << "set style fill solid 0.9 border rgb '#404040'\nset boxwidth 0.9\nset xtics nomirror\n"
       << "set key outside right top vertical samplen 2\nset grid ytics\n";
     if (log)
-        s << "set logscale y\nset yrange [" << std::pow(10, std::floor(std::log10(lo))) << ":"
-          << std::pow(10, std::ceil(std::log10(hi * 1.5))) << "]\nset ylabel 'µs per operation (log scale)'\n";
+        s << "set logscale y\nset yrange [" << lo / 1.5 << ":" << hi * 1.5
+          << "]\nset ylabel 'µs per operation (log scale)'\n";
     else
         s << "set yrange [0:" << hi * 1.3 << "]\nset ylabel 'µs per operation'\n";
     s << "$d << EOD\nphase";
