@@ -100,7 +100,7 @@ struct Config {
     std::string png = "build-release/peers.png";
 };
 
-struct EngineSpec {
+struct EngineInfo {
     const char *id;     // for --engines
     const char *label;  // column of the table
     std::unique_ptr<Engine> (*make)(const Options &);
@@ -108,7 +108,7 @@ struct EngineSpec {
     const char *color;  // of its bars
 };
 
-const EngineSpec kEngines[] = {
+const EngineInfo kEngines[] = {
     {"varlo", "varlo", [](const Options &o) { return make_varlo(o, false); }, true, "#c0392b"},
     {"varlo-shared", "varlo shared", [](const Options &o) { return make_varlo(o, true); }, true, "#f1948a"},
     {"lmdb", "LMDB", make_lmdb, false, "#2471a3"},
@@ -124,7 +124,7 @@ const char *const kPhaseNames[kPhases] = {"fillseq", "fillrandom",   "overwrite"
                                           "readseq", "deleterandom", "fill4k",    "read4k"};
 
 struct Result {
-    const EngineSpec *spec;
+    const EngineInfo *info;
     Settings settings;
     double us[kPhases] = {};
     uint64_t size_seq = 0, size_random = 0;  // bytes of the database's files after fillseq / fillrandom
@@ -203,7 +203,7 @@ private:
     std::vector<unsigned char> vbuf_;
     std::vector<bool> seen_;  // records met by an unordered walk
 
-    const char *label() const { return r_.spec->label; }
+    const char *label() const { return r_.info->label; }
 
     std::string_view key(uint64_t n) {
         make_key(n, kbuf_);
@@ -215,7 +215,7 @@ private:
     }
 
     void open(const char *name) {
-        dir_ = g_dir + "/" + r_.spec->id + "-" + name;
+        dir_ = g_dir + "/" + r_.info->id + "-" + name;
         fs::create_directory(dir_);
         e_.create(dir_);
     }
@@ -340,7 +340,7 @@ void header(const Config &cfg, const std::vector<Result> &results) {
     std::printf("Engines:\n");
     for (const auto &r : results) {
         const Settings &s = r.settings;
-        std::printf("  %-13s %s\n  %-13s cache: %s\n  %-13s sync:  %s\n  %-13s %s\n", r.spec->label, s.version.c_str(),
+        std::printf("  %-13s %s\n  %-13s cache: %s\n  %-13s sync:  %s\n  %-13s %s\n", r.info->label, s.version.c_str(),
                     "", s.cache.c_str(), "", s.sync.c_str(), "", s.other.c_str());
     }
     std::printf("\n");
@@ -406,9 +406,9 @@ const Result *best_peer(const Columns &c, int p) {
 void report(const std::vector<Result> &results, const Config &cfg) {
     Columns c;
     for (const auto &r : results) {
-        if (!r.spec->varlo)
+        if (!r.info->varlo)
             c.peers.push_back(&r);
-        else if (std::string(r.spec->id) == "varlo")
+        else if (std::string(r.info->id) == "varlo")
             c.varlo = &r;
         else
             c.shared = &r;
@@ -416,7 +416,7 @@ void report(const std::vector<Result> &results, const Config &cfg) {
     const bool ratio = c.varlo && !c.peers.empty(), shared_ratio = c.varlo && c.shared;
 
     Table t{{"phase (µs/op)"}};
-    for (const auto &r : results) t[0].push_back(r.spec->label);
+    for (const auto &r : results) t[0].push_back(r.info->label);
     if (ratio) t[0].insert(t[0].end(), {"best peer", "varlo / best peer"});
     if (shared_ratio) t[0].push_back("shared / private");
     for (int p = 0; p < kPhases; ++p) {
@@ -424,7 +424,7 @@ void report(const std::vector<Result> &results, const Config &cfg) {
         for (const auto &r : results) row.push_back(us_text(r.us[p]));
         if (ratio) {
             const Result *b = best_peer(c, p);
-            row.push_back(us_text(b->us[p]) + " " + b->spec->label);
+            row.push_back(us_text(b->us[p]) + " " + b->info->label);
             row.push_back(ratio_text(c.varlo->us[p] / b->us[p]));
         }
         if (shared_ratio) row.push_back(ratio_text(c.shared->us[p] / c.varlo->us[p]));
@@ -436,7 +436,7 @@ void report(const std::vector<Result> &results, const Config &cfg) {
     Table sizes{{"file size (MiB)"}};
     std::vector<std::string> seq{"after fillseq"}, rnd{"after fillrandom"};
     for (const auto &r : results) {
-        sizes[0].push_back(r.spec->label);
+        sizes[0].push_back(r.info->label);
         char a[32], b[32];
         std::snprintf(a, sizeof a, "%.1f", r.size_seq / 1048576.0);
         std::snprintf(b, sizeof b, "%.1f", r.size_random / 1048576.0);
@@ -454,7 +454,7 @@ void report(const std::vector<Result> &results, const Config &cfg) {
         FILE *f = std::fopen(cfg.csv.c_str(), "w");
         if (!f) fail("--csv %s: %s", cfg.csv.c_str(), std::strerror(errno));
         std::fprintf(f, "phase");
-        for (const auto &r : results) std::fprintf(f, ",%s", r.spec->label);
+        for (const auto &r : results) std::fprintf(f, ",%s", r.info->label);
         if (ratio) std::fprintf(f, ",best peer,best peer us/op,varlo / best peer");
         if (shared_ratio) std::fprintf(f, ",shared / private");
         std::fprintf(f, "\n");
@@ -463,7 +463,7 @@ void report(const std::vector<Result> &results, const Config &cfg) {
             for (const auto &r : results) std::fprintf(f, ",%.4f", r.us[p]);
             if (ratio) {
                 const Result *b = best_peer(c, p);
-                std::fprintf(f, ",%s,%.4f,%.3f", b->spec->label, b->us[p], c.varlo->us[p] / b->us[p]);
+                std::fprintf(f, ",%s,%.4f,%.3f", b->info->label, b->us[p], c.varlo->us[p] / b->us[p]);
             }
             if (shared_ratio) std::fprintf(f, ",%.3f", c.shared->us[p] / c.varlo->us[p]);
             std::fprintf(f, "\n");
@@ -501,7 +501,7 @@ void chart(const std::vector<Result> &results, const Config &cfg, const std::str
     else
         s << "set yrange [0:" << hi * 1.3 << "]\nset ylabel 'µs per operation'\n";
     s << "$d << EOD\nphase";
-    for (const auto &r : results) s << " \"" << r.spec->label << "\"";
+    for (const auto &r : results) s << " \"" << r.info->label << "\"";
     s << "\n";
     for (int p = 0; p < kPhases; ++p) {
         s << kPhaseNames[p];
@@ -511,7 +511,7 @@ void chart(const std::vector<Result> &results, const Config &cfg, const std::str
     s << "EOD\nplot";
     for (size_t c = 0; c < results.size(); ++c)
         s << (c ? ", ''" : " $d") << " using " << c + 2 << (c ? "" : ":xtic(1)") << " title columnheader(" << c + 2
-          << ") linecolor rgb '" << results[c].spec->color << "'";
+          << ") linecolor rgb '" << results[c].info->color << "'";
     s << "\n";
     FILE *g = ::popen("gnuplot", "w");
     if (!g) fail("cannot run gnuplot: %s", std::strerror(errno));
@@ -585,18 +585,18 @@ int run(const Config &cfg) {
     const Options opts{uint64_t(cfg.cache_mb) << 20};
     std::vector<Result> results;
     std::vector<std::unique_ptr<Engine>> engines;
-    for (const auto &spec : kEngines) {
-        if (!cfg.engines.empty() && std::find(cfg.engines.begin(), cfg.engines.end(), spec.id) == cfg.engines.end())
+    for (const auto &info : kEngines) {
+        if (!cfg.engines.empty() && std::find(cfg.engines.begin(), cfg.engines.end(), info.id) == cfg.engines.end())
             continue;
         // A first open of an empty database: it shows what the engine took
         // as its settings, and that it works, before the long runs.
-        engines.push_back(spec.make(opts));
+        engines.push_back(info.make(opts));
         Engine &e = *engines.back();
         g_engine = &e;
         std::string probe = g_dir + "/probe";
         fs::create_directory(probe);
         e.create(probe);
-        results.push_back({&spec, e.settings()});
+        results.push_back({&info, e.settings()});
         e.close();
         fs::remove_all(probe);
     }
@@ -609,7 +609,7 @@ int run(const Config &cfg) {
     const Orders orders(cfg.num, n4);
     for (size_t k = 0; k < results.size(); ++k) {
         g_engine = engines[k].get();
-        std::printf("%-13s", results[k].spec->label);
+        std::printf("%-13s", results[k].info->label);
         Runner(cfg, orders, *engines[k], results[k]).run();
         g_engine = nullptr;
         engines[k].reset();
