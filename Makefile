@@ -2,7 +2,8 @@
 # 32-bit x86 program and as a big-endian s390x program under qemu, then
 # natively with the cross-build test, again under AddressSanitizer +
 # UndefinedBehaviorSanitizer, and the thread tests under ThreadSanitizer),
-# `make bench`, `make soak`, `make install`
+# `make bench`, `make bench-peers` (varlo next to other engines; PEERS_ARGS),
+# `make soak`, `make install`
 # (PREFIX, default /usr/local; DESTDIR honoured), `make package` (a .deb).
 SHELL := /bin/bash
 MAKEFLAGS += --no-print-directory
@@ -20,17 +21,20 @@ PREFIX ?= /usr/local
 CMAKE_FLAGS := -DVARLO_WERROR=ON
 SOAK ?= 10
 
-.PHONY: run test test-deps test-plain test-m32 test-s390x test-asan test-tsan bench soak install package deps clean
+.PHONY: run test test-deps test-plain test-m32 test-s390x test-asan test-tsan bench bench-peers soak install package deps clean
 
 # Everything the targets need, as COMMAND:PACKAGE (or /FILE:PACKAGE);
 # installed when missing (as root with apt-get), or the exact command to run
 # is printed. `make package` adds PACKAGE_DEPS, `make test` TEST_DEPS (the
-# 32-bit and the s390x builds).
+# 32-bit and the s390x builds), `make bench-peers` PEERS_DEPS.
 DEPS := cmake:cmake g++:g++ make:make pkg-config:pkg-config /usr/include/gtest/gtest.h:libgtest-dev
 PACKAGE_DEPS := dpkg-deb:dpkg dpkg-shlibdeps:dpkg-dev
 TEST_DEPS := /usr/src/googletest/googletest/CMakeLists.txt:googletest \
   /usr/lib/gcc/x86_64-linux-gnu/12/32/libstdc++.so:g++-12-multilib /usr/include/x86_64-linux-gnu/gnu/stubs-32.h:g++-12-multilib \
   s390x-linux-gnu-g++:g++-s390x-linux-gnu /usr/s390x-linux-gnu/include/stdio.h:libc6-dev-s390x-cross qemu-s390x:qemu-user
+PEERS_DEPS := /usr/include/lmdb.h:liblmdb-dev /usr/include/leveldb/db.h:libleveldb-dev /usr/include/db.h:libdb-dev \
+  /usr/include/sqlite3.h:libsqlite3-dev /usr/include/gdbm.h:libgdbm-dev /usr/include/kcpolydb.h:libkyotocabinet-dev \
+  gnuplot:gnuplot-nox
 deps:
 	@missing=""; \
 	for d in $(DEPS) $(EXTRA_DEPS); do \
@@ -97,6 +101,16 @@ bench: deps
 	@./$(RELEASE)/bench/varlo_bench_nolog $(BENCH_ARGS) --csv=$(RELEASE)/nolog.csv >$(RELEASE)/nolog.txt || \
 	  { cat $(RELEASE)/nolog.txt; exit 1; }
 	./$(RELEASE)/bench/varlo_bench $(BENCH_ARGS) --baseline=$(RELEASE)/nolog.csv
+
+# varlo next to LMDB, LevelDB, Berkeley DB, SQLite, gdbm and Kyoto Cabinet
+# (bench/peers): installs them and gnuplot, prints the table, writes
+# $(RELEASE)/peers.csv and the chart $(RELEASE)/peers.png. Options through
+# PEERS_ARGS, e.g. PEERS_ARGS="--num=200000 --cache_mb=512".
+bench-peers:
+	@$(MAKE) deps EXTRA_DEPS="$(PEERS_DEPS)"
+	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DVARLO_TESTS=OFF -DVARLO_PEERS=ON >/dev/null
+	cmake --build $(RELEASE) -j$(JOBS) --target varlo_peers
+	./$(RELEASE)/bench/peers/varlo_peers --csv=$(RELEASE)/peers.csv --png=$(RELEASE)/peers.png $(PEERS_ARGS)
 
 # The library, headers, tools, varlo.pc and the CMake package under PREFIX
 # (DESTDIR prepended, for staged installs); a Release build of its own.

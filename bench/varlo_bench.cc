@@ -73,14 +73,11 @@
 #include <vector>
 
 #include "bdb.h"
+#include "bench_common.h"
 
 namespace {
 
-constexpr uint32_t kKeyLen = 16;
-constexpr uint32_t kValueLen = 100;
-constexpr uint32_t kBigValueLen = 4096;
-constexpr uint64_t kSeed = 0x5eed2024u;
-constexpr uint32_t kFillerLen = 8192;
+using namespace bench;
 
 enum class Mode { Private, Shared, Threads };
 
@@ -129,72 +126,6 @@ void print_error(bdb_handle *, const char *name, const char *syserr, int sys_err
     std::fprintf(stderr, "varlo: %s: %s: %s", name ? name : "-", context, message);
     if (sys_errno) std::fprintf(stderr, " (%s)", syserr);
     std::fputc('\n', stderr);
-}
-
-// ---------------------------------------------------------------------------
-// Keys and values
-// ---------------------------------------------------------------------------
-
-// 16 decimal digits of n.
-void make_key(uint64_t n, char *out) {
-    for (int i = kKeyLen - 1; i >= 0; --i) {
-        out[i] = static_cast<char>('0' + n % 10);
-        n /= 10;
-    }
-}
-
-// The number a key stands for, or UINT64_MAX when it is not 16 digits.
-uint64_t key_number(const char *k, uint32_t len) {
-    if (len != kKeyLen) return UINT64_MAX;
-    uint64_t n = 0;
-    for (uint32_t i = 0; i < kKeyLen; ++i) {
-        if (k[i] < '0' || k[i] > '9') return UINT64_MAX;
-        n = n * 10 + static_cast<uint64_t>(k[i] - '0');
-    }
-    return n;
-}
-
-const unsigned char *filler() {
-    static const std::vector<unsigned char> bytes = [] {
-        std::vector<unsigned char> v(kFillerLen + kBigValueLen);
-        std::mt19937_64 rng(kSeed ^ 0xf111);
-        for (auto &b : v) b = static_cast<unsigned char>(rng());
-        return v;
-    }();
-    return bytes.data();
-}
-
-// The value of record i: its key, a generation byte, then filler from an
-// offset that depends on i.
-void make_value(uint32_t i, char gen, const char *key, unsigned char *out, uint32_t len) {
-    std::memcpy(out, key, kKeyLen);
-    out[kKeyLen] = static_cast<unsigned char>(gen);
-    std::memcpy(out + kKeyLen + 1, filler() + i % 997, len - kKeyLen - 1);
-}
-
-// Empty when the value is the one record i should have, else what is wrong.
-std::string check_value(uint32_t i, char gen, const char *key, const bdb_datum &v, uint32_t len) {
-    char buf[160];
-    if (v.len != len) {
-        std::snprintf(buf, sizeof buf, "record %u: value of %u bytes, expected %u", i, v.len, len);
-        return buf;
-    }
-    const auto *p = static_cast<const unsigned char *>(v.ptr);
-    if (std::memcmp(p, key, kKeyLen) != 0 || p[kKeyLen] != static_cast<unsigned char>(gen) ||
-        p[len - 1] != filler()[i % 997 + len - kKeyLen - 2]) {
-        std::snprintf(buf, sizeof buf, "record %u: wrong value bytes (generation '%c', expected '%c')", i,
-                      p[kKeyLen], gen);
-        return buf;
-    }
-    return {};
-}
-
-// A random order of 0..n-1 (Fisher-Yates, fixed generator).
-std::vector<uint32_t> random_order(uint32_t n, std::mt19937_64 &rng) {
-    std::vector<uint32_t> v(n);
-    for (uint32_t i = 0; i < n; ++i) v[i] = i;
-    for (uint32_t i = n; i > 1; --i) std::swap(v[i - 1], v[rng() % i]);
-    return v;
 }
 
 // ---------------------------------------------------------------------------
@@ -443,7 +374,7 @@ private:
                 worker_fail(w, "bdb_get of record %u: %s", i, code_text(bdb_error(w.h)).c_str());
                 return;
             }
-            std::string bad = check_value(i, gen, kbuf, v, value_len);
+            std::string bad = check_value(i, gen, kbuf, v.ptr, v.len, value_len);
             std::free(v.ptr);
             if (!bad.empty()) {
                 worker_fail(w, "bdb_get: %s", bad.c_str());
@@ -495,7 +426,7 @@ private:
                             expect);
                 return;
             }
-            std::string bad = check_value(expect, gen, kbuf, v, kValueLen);
+            std::string bad = check_value(expect, gen, kbuf, v.ptr, v.len, kValueLen);
             std::free(v.ptr);
             if (!bad.empty()) {
                 worker_fail(w, "walk: %s", bad.c_str());
@@ -528,22 +459,6 @@ private:
         }
     }
 };
-
-std::string cpu_model() {
-    std::ifstream in("/proc/cpuinfo");
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.rfind("model name", 0) == 0) {
-            auto colon = line.find(':');
-            if (colon != std::string::npos) {
-                auto s = line.substr(colon + 1);
-                s.erase(0, s.find_first_not_of(" \t"));
-                return s;
-            }
-        }
-    }
-    return "unknown";
-}
 
 void Bench::header(const std::string &dbpath) const {
     char date[64];
