@@ -166,8 +166,7 @@ int write_deferred(bdb_handle *h) {
 
 // Writes a dirty record's buffer to its page in file order, or, while the
 // page's image in the meta log is not yet durable, moves it to the
-// write-behind buffer. On failure the buffer is left in machine order, still
-// dirty.
+// write-behind buffer. On failure the record stays dirty.
 int write_back(bdb_handle *h, uint32_t rec) {
     bdb_cachepg &r = h->cache[rec];
     uint8_t *buf = buffer(h, rec);
@@ -179,12 +178,7 @@ int write_back(bdb_handle *h, uint32_t rec) {
         // The buffer is full: after its pages go out the log is durable.
         if (write_deferred(h) < 0) return -1;
     }
-    const bool swapped = h->flags & BDB_F_SWAPPED;
-    if (swapped) bdb_pgswap(buf, 1);
-    if (bdb_write_dpage(h, r.pgno, buf, kPageSize) < 0) {
-        if (swapped) bdb_pgswap(buf, 0);
-        return -1;
-    }
+    if (write_image(h, r.pgno, buf) < 0) return -1;
     r.flags &= ~BDB_CACHE_DIRTY;
     return 0;
 }
