@@ -50,6 +50,18 @@ struct File {
         fn(page);
         write(pg, page);
     }
+    // Changes the slot of the first long value in the file.
+    void edit_long(const std::function<void(bdb_slot &)> &fn) {
+        for (uint32_t pg = 1;; ++pg) {
+            Page p = read(pg);
+            for (uint32_t i = 0; p.p()->pgno == pg && i < p.p()->nslots; ++i) {
+                if (p.p()->slots[i].flags & BDB_DPAGES) {
+                    fn(p.p()->slots[i]);
+                    return write(pg, p);
+                }
+            }
+        }
+    }
     uint32_t root() { return read(0).m()->root; }
     // The leftmost leaf and its parent.
     std::pair<uint32_t, uint32_t> leftmost_leaf() {
@@ -101,23 +113,17 @@ TEST(Damaged, EachKindOfDamageIsReportedWithItsPage) {
          }},
         {"past the end",
          [](File &f) { f.edit(f.leftmost_leaf().second, [](Page &p) { p.p()->slots[0].childpg = 60000; }); }},
-        {"long value runs past the end",
-         [](File &f) {
-             for (uint32_t pg = 1;; ++pg) {
-                 Page p = f.read(pg);
-                 if (p.p()->pgno != pg) continue;
-                 for (uint32_t i = 0; i < p.p()->nslots; ++i) {
-                     if (p.p()->slots[i].flags & BDB_DPAGES) {
-                         p.p()->slots[i].dataref = 65000;
-                         f.write(pg, p);
-                         return;
-                     }
-                 }
-             }
-         }},
-        {"damaged tree page", [](File &f) { f.edit(f.leftmost_leaf().first, [](Page &p) { p.p()->nslots = 5000; }); }},
-        {"damaged tree page",  // an entry running past the page
+        {"long value runs past the end", [](File &f) { f.edit_long([](bdb_slot &s) { s.dataref = 65000; }); }},
+        {"overlap", [](File &f) { f.edit(f.leftmost_leaf().first, [](Page &p) { p.p()->nslots = 5000; }); }},
+        {"not packed",  // an entry running past the page
          [](File &f) { f.edit(f.leftmost_leaf().first, [](Page &p) { p.p()->slots[1].keyoff = 8190; }); }},
+        {"not packed",  // entries in bounds but not in slot order
+         [](File &f) { f.edit(f.root(), [](Page &p) { std::swap(p.p()->slots[0].keyoff, p.p()->slots[1].keyoff); }); }},
+        {"inline value", [](File &f) { f.edit(f.root(), [](Page &p) { p.p()->slots[0].dataref += 1; }); }},
+        {"datastart", [](File &f) { f.edit(f.root(), [](Page &p) { p.p()->datastart -= 8; }); }},
+        {"meta page not marked", [](File &f) { f.edit(0, [](Page &p) { bits_clrb(p.m()->pgmap, 0); }); }},
+        {"long value at page 0", [](File &f) { f.edit_long([](bdb_slot &s) { s.dataref = 0; }); }},
+        {"past the end", [](File &f) { f.edit_long([](bdb_slot &s) { s.datalen = 0xfffffff0u; }); }},
         {"page",  // a child pointing back at the root: a cycle
          [](File &f) {
              const uint32_t root = f.root();

@@ -565,7 +565,7 @@ int bdb_do_sync(bdb_handle *h) {
     int rc = area_check(h);
     if (rc == 0) {
         ChangeMark mark(h);
-        const uint32_t pages = bdb_find_max_page_number(h);
+        const uint32_t pages = pages_to_keep(h);
         alignas(8) uint8_t image[kPageSize];
         meta_file_image(h, image);
         const bool meta_written = *h->state_ref & BDB_METADIRTY;

@@ -1,5 +1,7 @@
 // bdb_check: walks the whole file and verifies the tree and the allocation
-// map. It reads through the page cache and changes nothing in the database.
+// map. It reads checked copies of the pages (the cache keeps what it holds)
+// and changes nothing in the database. The same walk, reduced to what keeps
+// writes safe, checks a tree's references before its first allocation.
 //
 // What counts as valid follows from how the tree evolves: child pointers of 0
 // (holes left by dropped pages) and pages without entries are normal. Leaves
@@ -26,9 +28,15 @@ struct Bound {
     bool set = false;
 };
 
+// full: bdb_check, which reports every disagreement. Otherwise the check
+// of references before pages are handed out (verify_references): only what
+// could make a write destroy something the tree uses (a referenced page free
+// in the map, a page reached twice, a reference outside the file), so that it
+// holds in the middle of a change too, where moved entries and new pages are
+// briefly not linked.
 class Checker {
 public:
-    explicit Checker(bdb_handle *h) : h_(h), reached_(BDB_MAPWORDS, 0u) {}
+    Checker(bdb_handle *h, bool full) : h_(h), full_(full), reached_(BDB_MAPWORDS, 0u) {}
 
     bool run() {
         const bdb_meta *m = h_->meta;
@@ -37,7 +45,7 @@ public:
         mark(0);
         npages_ = *h_->npages_ref;
         if (m->root && !walk(m->root, 0, Bound{}, Bound{})) return false;
-        for (uint32_t w = 0; w < BDB_MAPWORDS; ++w) {
+        for (uint32_t w = 0; full_ && w < BDB_MAPWORDS; ++w) {
             uint32_t lost = m->pgmap[w] & ~reached_[w];
             if (lost) {
                 uint32_t pg = 32 * w + static_cast<uint32_t>(__builtin_ctz(lost));
@@ -48,7 +56,9 @@ public:
     }
 
 private:
+    // bdb_check reports without marking the database: it is a diagnosis.
     bool bad(uint32_t pg, const char *what) {
+        if (!full_) return report_damage(h_, pg, what), false;
         std::snprintf(msg_, sizeof msg_, "page %u: %s", pg, what);
         errno = 0;
         fail(h_, BDB_E_DBTYPE, msg_);
@@ -73,61 +83,35 @@ private:
         return (h_->compare ? h_->compare : bdb_dti_compare)(&da, &db);
     }
 
-    // Checks the layout of one page copy.
-    bool check_layout(uint32_t pg, const bdb_page *p) {
-        const uint32_t n = p->nslots;
-        if (kHeaderSize + static_cast<uint64_t>(kSlotSize) * n > p->datastart || p->datastart > kPageSize)
-            return bad(pg, "slot array and entry area overlap");
-        uint32_t end = kPageSize;
-        for (uint32_t i = 0; i < n; ++i) {
-            const bdb_slot &s = p->slots[i];
-            if (s.keylen < 1 || s.keylen > BDB_MAXKEY) return bad(pg, "key length out of range");
-            const bool lng = slot_is_long(s);
-            if (lng != (s.datalen >= BDB_LONGDATA)) return bad(pg, "long value flag disagrees with its length");
-            const uint32_t size = s.keylen + (lng ? 0 : s.datalen);
-            if (size > end || s.keyoff != end - size) return bad(pg, "entries not packed");
-            if (!lng && s.dataref != s.keyoff + s.keylen) return bad(pg, "inline value not after its key");
-            end = s.keyoff;
-            if (lng) {
-                const uint32_t first = s.dataref, cnt = run_pages(s.datalen);
-                if (static_cast<uint64_t>(first) + cnt > npages_) return bad(first, "long value runs past the end of the file");
-                for (uint32_t k = 0; k < cnt; ++k)
-                    if (!claim(first + k, "long value page used twice")) return false;
-            }
-        }
-        if (end != p->datastart) return bad(pg, "datastart does not match the entries");
-        return true;
-    }
-
     bool walk(uint32_t pg, int depth, Bound lo, Bound hi) {
         if (depth > kMaxDepth) return bad(pg, "tree too deep");
         if (!claim(pg, "tree page reached twice")) return false;
-        // The fetch reports nothing itself: the check reports the failure
-        // once, with the page it concerns.
-        const bdb_errhandler_fn handler = h_->errhandler;
-        h_->errhandler = nullptr;
-        bdb_page *live = bdb_get_dpage(h_, pg, 0);
-        h_->errhandler = handler;
-        if (!live) {
-            std::snprintf(msg_, sizeof msg_, "page %u: %s", pg,
-                          h_->error == BDB_E_DBTYPE ? "damaged tree page" : "cannot be read");
+        // A copy of the page, checked as every page read from the file is;
+        // the cache keeps what it holds.
+        std::vector<uint8_t> copy(kPageSize);
+        const char *why = nullptr;
+        if (copy_page(h_, pg, copy.data(), &why) < 0) {
+            if (why) return bad(pg, why);
+            std::snprintf(msg_, sizeof msg_, "page %u: cannot be read", pg);
             bdb_errlog(h_, msg_);
             return false;
         }
-        // The walk below evicts pages: keep a copy of this one.
-        std::vector<uint8_t> copy(page_bytes(live), page_bytes(live) + kPageSize);
         const auto *p = reinterpret_cast<const bdb_page *>(copy.data());
-        if (!check_layout(pg, p)) return false;
         const uint32_t n = p->nslots;
         const uint8_t *base = copy.data();
         for (uint32_t i = 0; i < n; ++i) {
             const bdb_slot &s = p->slots[i];
-            if (i > 0) {
+            if (slot_is_long(s)) {
+                const uint32_t cnt = run_pages(s.datalen);
+                for (uint32_t k = 0; k < cnt; ++k)
+                    if (!claim(s.dataref + k, "long value page used twice")) return false;
+            }
+            if (full_ && i > 0) {
                 const bdb_slot &t = p->slots[i - 1];
                 if (cmp(base + t.keyoff, t.keylen, base + s.keyoff, s.keylen) >= 0) return bad(pg, "keys out of order");
             }
         }
-        if (n > 0) {
+        if (full_ && n > 0) {
             const bdb_slot &f = p->slots[0], &l = p->slots[n - 1];
             if (lo.set && cmp(lo.ptr, lo.len, base + f.keyoff, f.keylen) >= 0)
                 return bad(pg, "key not above its parent's separator");
@@ -147,12 +131,29 @@ private:
     }
 
     bdb_handle *h_;
+    bool full_;
     std::vector<uint32_t> reached_;
     uint32_t npages_ = 0;
     char msg_[160] = {};
 };
 
 }  // namespace
+
+namespace varlo {
+
+bool verify_references(bdb_handle *h) {
+    try {
+        Checker ck(h, false);
+        if (!ck.run()) return false;
+    } catch (...) {
+        fail(h, BDB_E_NOMEM, "checking the tree's references");
+        return false;
+    }
+    *h->state_ref |= kStateVerified;
+    return true;
+}
+
+}  // namespace varlo
 
 extern "C" int bdb_check(bdb_handle *h) {
     if (!h) {
@@ -166,7 +167,7 @@ extern "C" int bdb_check(bdb_handle *h) {
     int rc = area_check(h);
     if (rc == 0) {
         try {
-            Checker ck(h);
+            Checker ck(h, true);
             rc = ck.run() ? 0 : -1;
         } catch (...) {
             h->error = BDB_E_NOMEM;

@@ -106,6 +106,12 @@ inline constexpr uint32_t kStateSwapped = 0x20;
 // a change or a sync is under way on the area (set while the mutex is held
 // for it): found set by a holder of the mutex, its maker died part way.
 inline constexpr uint32_t kStateChanging = 0x40;
+// damage was found: every later change is refused (reads go on where they
+// can), nothing more is allocated and no sync cuts the file;
+inline constexpr uint32_t kStateDamaged = 0x80;
+// every page the tree references was found marked in the allocation map, so
+// a page free in the map is free indeed (verify_references).
+inline constexpr uint32_t kStateVerified = 0x100;
 
 // Engine results.
 enum : int {
@@ -130,7 +136,9 @@ inline constexpr int32_t BAL_EMPTY = 8192;
 inline uint8_t *page_bytes(bdb_page *p) { return reinterpret_cast<uint8_t *>(p); }
 inline const uint8_t *page_bytes(const bdb_page *p) { return reinterpret_cast<const uint8_t *>(p); }
 inline bool slot_is_long(const bdb_slot &s) { return (s.flags & BDB_DPAGES) != 0; }
-inline uint32_t run_pages(uint32_t datalen) { return (datalen + kPageSize - 1) >> kPageShift; }
+inline uint32_t run_pages(uint32_t datalen) {
+    return static_cast<uint32_t>((static_cast<uint64_t>(datalen) + kPageSize - 1) >> kPageShift);
+}
 // In-page bytes of an entry about to be placed.
 inline uint32_t entry_size(const bdb_entry &e) {
     return e.keylen + (e.datalen < BDB_LONGDATA && !(e.flags & BDB_DPAGES) ? e.datalen : 0);
@@ -283,6 +291,37 @@ uint32_t *tree_version(bdb_handle *h);
 inline void tree_changed(bdb_handle *h) {
     if (uint32_t *v = tree_version(h)) ++*v;
 }
+
+// ---------------------------------------------------------------------------
+// Damage: what is read from the file is checked before it is used, and a
+// database found damaged is never written in a way that could destroy what
+// its tree still uses.
+// ---------------------------------------------------------------------------
+
+// The one check of a tree page read from the file (bdb_check uses it too):
+// nullptr when the page can be used, else what is wrong with it. It bounds
+// every offset and length to the page and every page reference to the file
+// (npages pages): slots packed downward in reverse slot order, inline values
+// right after their keys, datastart at the last key, long-value runs and
+// child pages inside the file and never page 0. One pass, a few comparisons
+// per slot.
+const char *page_fault(const bdb_page *p, uint32_t npages);
+// Copies page pg (machine order, checked) into out without changing what the
+// cache holds: the cache's copy when it has the page, else the file's.
+// 0, or -1 with *why set (nullptr: it could not be read; BDB_E_READ left).
+int copy_page(bdb_handle *h, uint32_t pg, uint8_t *out, const char **why);
+// Reports damage (BDB_E_DBTYPE, context "page N: what") and marks the
+// database damaged. Returns -1.
+int report_damage(bdb_handle *h, uint32_t pg, const char *what);
+// One walk of the tree from the root that checks every reference: pages in
+// the file, each reached once, each marked in the map. Sets kStateVerified,
+// or reports the damage (report_damage) and returns false.
+bool verify_references(bdb_handle *h);
+// The number of pages the file must keep at a sync: the map's highest page in
+// use plus one, but never more than the file has (a map never grows the
+// file) and never less than a page the tree references (when the map has not
+// been verified against the tree, it is first).
+uint32_t pages_to_keep(bdb_handle *h);
 
 // Copies the allocation map into the log map (open and sync).
 void refresh_logmap(bdb_handle *h);

@@ -263,24 +263,6 @@ void *cache_pg_indexed(bdb_handle *h, uint32_t pg) {
     return buf;
 }
 
-// Every offset and length of a page read from the file stays inside the page.
-bool page_sane(const bdb_page *p) {
-    const uint32_t n = p->nslots;
-    if (n > (kPageSize - kHeaderSize) / kSlotSize) return false;
-    if (p->datastart > kPageSize || p->datastart < kHeaderSize + kSlotSize * n) return false;
-    for (uint32_t i = 0; i < n; ++i) {
-        const bdb_slot &s = p->slots[i];
-        if (s.keylen < 1 || s.keylen > BDB_MAXKEY) return false;
-        const bool lng = slot_is_long(s);
-        if (lng ? s.datalen < BDB_LONGDATA : s.datalen >= BDB_LONGDATA) return false;
-        const uint64_t size = s.keylen + (lng ? 0u : s.datalen);
-        if (s.keyoff < p->datastart || s.keyoff + size > kPageSize) return false;
-        if (!lng && s.dataref != s.keyoff + s.keylen) return false;
-        if (lng && s.dataref >= BDB_MAXPAGES) return false;
-    }
-    return true;
-}
-
 // The record holding a page, or kNone.
 uint32_t find_record(const bdb_handle *h, uint32_t pg) {
     if (!h->cache || pg == 0) return kNone;
@@ -310,6 +292,72 @@ int log_point(bdb_handle *h, const bdb_page *page) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// Checks of what is read from the file
+// ---------------------------------------------------------------------------
+
+namespace varlo {
+
+const char *page_fault(const bdb_page *p, uint32_t npages) {
+    const uint32_t n = p->nslots;
+    if (n > (kPageSize - kHeaderSize) / kSlotSize || p->datastart > kPageSize ||
+        p->datastart < kHeaderSize + kSlotSize * n)
+        return "slot array and entry area overlap";
+    if (p->leftpg >= npages) return "child page past the end of the file";
+    // Entry i's bytes end where entry i-1's begin (8192 for slot 0).
+    uint32_t end = kPageSize;
+    for (uint32_t i = 0; i < n; ++i) {
+        const bdb_slot &s = p->slots[i];
+        if (s.keylen < 1 || s.keylen > BDB_MAXKEY) return "key length out of range";
+        const bool lng = slot_is_long(s);
+        if (lng != (s.datalen >= BDB_LONGDATA)) return "long value flag disagrees with its length";
+        const uint32_t size = s.keylen + (lng ? 0 : s.datalen);
+        if (size > end || s.keyoff != end - size) return "entries not packed";
+        if (lng) {
+            if (s.dataref == 0) return "long value at page 0";
+            if (static_cast<uint64_t>(s.dataref) + run_pages(s.datalen) > npages)
+                return "long value runs past the end of the file";
+        } else if (s.dataref != s.keyoff + s.keylen) {
+            return "inline value not after its key";
+        }
+        if (s.childpg >= npages) return "child page past the end of the file";
+        end = s.keyoff;
+    }
+    if (end != p->datastart) return "datastart does not match the entries";
+    return nullptr;
+}
+
+int report_damage(bdb_handle *h, uint32_t pg, const char *what) {
+    char ctx[128];
+    std::snprintf(ctx, sizeof ctx, "page %u: %s", pg, what);
+    *h->state_ref |= kStateDamaged;
+    errno = 0;  // not a system failure: report no stale errno
+    fail(h, BDB_E_DBTYPE, ctx);
+    return -1;
+}
+
+int copy_page(bdb_handle *h, uint32_t pg, uint8_t *out, const char **why) {
+    *why = nullptr;
+    const uint32_t npages = *h->npages_ref;
+    if (pg == 0 || pg >= npages) {
+        *why = "page past the end of the file";
+        return -1;
+    }
+    const uint32_t rec = find_record(h, pg);
+    const uint8_t *cached = rec == kNone ? nullptr : buffer(h, rec);
+    if (cached && reinterpret_cast<const bdb_page *>(cached)->pgno == pg) {
+        std::memcpy(out, cached, kPageSize);
+    } else {
+        if (bdb_read_dpage(h, pg, out, kPageSize) < 0) return -1;
+        if (h->flags & BDB_F_SWAPPED) bdb_pgswap(out, 0);
+    }
+    const auto *p = reinterpret_cast<const bdb_page *>(out);
+    *why = p->pgno != pg ? "not a tree page" : page_fault(p, npages);
+    return *why ? -1 : 0;
+}
+
+}  // namespace varlo
 
 // ---------------------------------------------------------------------------
 // Cache set-up
@@ -370,6 +418,11 @@ extern "C" void *bdb_cache_pg(bdb_handle *h, uint32_t pg) {
 // ---------------------------------------------------------------------------
 
 extern "C" bdb_page *bdb_get_dpage(bdb_handle *h, uint32_t pg, int flags) {
+    // A reference past the end of the file is damage, not a short read.
+    if (pg >= *h->npages_ref && pg != 0) {
+        report_damage(h, pg, "page past the end of the file");
+        return nullptr;
+    }
     auto *buf = static_cast<uint8_t *>(bdb_cache_pg(h, pg));
     if (!buf) return nullptr;
     auto *page = reinterpret_cast<bdb_page *>(buf);
@@ -379,14 +432,11 @@ extern "C" bdb_page *bdb_get_dpage(bdb_handle *h, uint32_t pg, int flags) {
             return nullptr;
         }
         if (h->flags & BDB_F_SWAPPED) bdb_pgswap(buf, 0);
-        if (page->pgno != pg || !page_sane(page)) {
-            // The file holds something else at this page, or a damaged tree
-            // page: it is refused before anything reads past its bounds.
+        // The file holds something else at this page, or a damaged tree
+        // page: it is refused before anything reads past its bounds.
+        if (const char *why = page->pgno != pg ? "not a tree page" : page_fault(page, *h->npages_ref)) {
             clear_first_word(buf);
-            char ctx[64];
-            std::snprintf(ctx, sizeof ctx, "damaged tree page %u", pg);
-            errno = 0;  // not a system failure: report no stale errno
-            fail(h, BDB_E_DBTYPE, ctx);
+            report_damage(h, pg, why);
             return nullptr;
         }
     }
@@ -612,6 +662,7 @@ extern "C" int bdb_backout_old(bdb_handle *h, const void *record, uint32_t len) 
             rc = -1;
         } else {
             std::memcpy(h->meta, image, kPageSize);
+            *h->state_ref &= ~kStateVerified;  // a map to check again
         }
     }
     *h->state_ref &= ~BDB_BACKOUT;
@@ -630,6 +681,7 @@ void meta_file_image(const bdb_handle *h, void *out) {
 }
 
 int restore_last_sync(bdb_handle *h, const LogScan &scan) {
+    *h->state_ref &= ~kStateVerified;  // the map it leaves is checked again
     // The file's byte order comes from the log: page 0 may be torn.
     if (scan.file_swapped) {
         h->flags |= BDB_F_SWAPPED;

@@ -216,7 +216,7 @@ inline bool is_empty_page(const bdb_page *p) { return p->nslots == 0 && p->leftp
 constexpr int kMaxLevels = 100;
 
 int too_deep(bdb_handle *h) {
-    fail(h, BDB_E_DBTYPE, "tree too deep: damaged child links");
+    report_damage(h, h->meta->root, "tree too deep: damaged child links");
     return SR_NOPAGE;
 }
 
@@ -228,7 +228,7 @@ int hand_out(bdb_handle *h, const bdb_page *p, int32_t i, bdb_datum *key, bdb_da
     if (after) {
         bdb_datum cand = slot_key(p, i);
         if ((h->compare ? h->compare : bdb_dti_compare)(after, &cand) >= 0) {
-            fail(h, BDB_E_DBTYPE, "keys out of order: damaged tree");
+            report_damage(h, p->pgno, "keys out of order: damaged tree");
             return SR_NOPAGE;
         }
     }
@@ -338,7 +338,7 @@ int insert(bdb_handle *h, uint32_t pgno, int32_t p, bdb_entry *promote, bdb_entr
     const int32_t c = static_cast<int32_t>(pg->nslots);
     if (c < 2) {  // only a damaged page can be full with fewer than two entries
         entry_release(entry);
-        fail(h, BDB_E_DBTYPE, "page full with fewer than two entries");
+        report_damage(h, pgno, "page full with fewer than two entries");
         return SR_WRITEFAIL;
     }
     int32_t s = c > 2 ? bdb_where_split(pg, p, entry) : c - 2;
@@ -957,6 +957,11 @@ extern "C" int bdb_search(bdb_handle *h, bdb_datum *key, bdb_datum *data, int op
         }
     }
 
+    // A database found damaged (by any page check) takes no change.
+    if (*h->state_ref & kStateDamaged) {
+        fail(h, BDB_E_DBTYPE, "the database is damaged: changes are refused (see varlo_check)");
+        return -1;
+    }
     ChangeJournal journal(h);
     if (!journal.ok()) {
         h->error = BDB_E_NOMEM;

@@ -172,6 +172,7 @@ int32_t first_fit(const uint32_t *map, uint32_t n) {
 // Takes the run [pg, pg + n): the file grows to hold it, then the meta
 // page's log point, then the map.
 int take_run(bdb_handle *h, uint32_t pg, uint32_t n, uint32_t *first) {
+    if (pg > *h->npages_ref) return report_damage(h, *h->npages_ref, "the allocation map marks pages past the end of the file");
     if (pg + n > *h->npages_ref && bdb_extend(h, pg + n) < 0) return -1;
     if (bdb_update_meta(h) < 0) return -1;
     for (uint32_t i = 0; i < n; ++i) bits_setb(h->meta->pgmap, static_cast<int32_t>(pg + i));
@@ -179,9 +180,25 @@ int take_run(bdb_handle *h, uint32_t pg, uint32_t n, uint32_t *first) {
     return 0;
 }
 
+// A page is handed out only when nothing the tree uses can be on it: the map
+// must mark the meta page, and the first allocation of a session checks once
+// that every page the tree references is marked (verify_references), so that
+// from then on a page free in the map is free indeed. Pages past the end of
+// the file are never in use: a map that marks them, and so would send the
+// file far past its end, is damaged (take_run).
+bool may_allocate(bdb_handle *h) {
+    if (*h->state_ref & kStateDamaged) {
+        fail(h, BDB_E_DBTYPE, "the database is damaged: nothing more is allocated");
+        return false;
+    }
+    if (!bits_tstb(h->meta->pgmap, 0)) return report_damage(h, 0, "the allocation map marks the meta page free"), false;
+    return (*h->state_ref & kStateVerified) || verify_references(h);
+}
+
 }  // namespace
 
 extern "C" int bdb_alloc_dpages(bdb_handle *h, uint32_t n, uint32_t *first) {
+    if (!may_allocate(h)) return -1;
     const int32_t start = first_fit(h->meta->pgmap, n);
     if (start < 0) {
         errno = ENOSPC;
@@ -200,6 +217,7 @@ namespace varlo {
 // log map marks the others); only when there is no such run does it take
 // pages freed since, as bdb_alloc_dpages would, and pay for the log.
 int alloc_data_run(bdb_handle *h, uint32_t n, uint32_t *first) {
+    if (!may_allocate(h)) return -1;
     if (metalog_active(h)) {
         uint32_t both[BDB_MAPWORDS];
         for (uint32_t w = 0; w < BDB_MAPWORDS; ++w) both[w] = h->meta->pgmap[w] | h->logmap[w];
@@ -230,6 +248,19 @@ extern "C" int bdb_free_dpage(bdb_handle *h, bdb_page *page) {
     bdb_inval_cache_pg(h, pg);
     return 0;
 }
+
+namespace varlo {
+
+uint32_t pages_to_keep(bdb_handle *h) {
+    const uint32_t have = *h->npages_ref, marked = bdb_find_max_page_number(h);
+    if (marked >= have) return have;  // a map never grows the file
+    // A cut below what the tree references would lose records: the map is
+    // trusted for a cut only once checked against the tree.
+    if ((*h->state_ref & kStateDamaged) || (!(*h->state_ref & kStateVerified) && !verify_references(h))) return have;
+    return marked;
+}
+
+}  // namespace varlo
 
 extern "C" uint32_t bdb_find_max_page_number(bdb_handle *h) {
     const uint32_t *map = h->meta->pgmap;
@@ -385,6 +416,8 @@ extern "C" int bdb_deldata(bdb_handle *h, bdb_page *page, int32_t idx, int mode)
 
 extern "C" int bdb_del_dpages(bdb_handle *h, uint32_t first, uint32_t n) {
     if (n == 0) return 0;
+    if (first == 0 || static_cast<uint64_t>(first) + n > BDB_MAXPAGES)
+        return report_damage(h, first, "long value run outside the allocation map");
     if (journal_defer_run(h, first, n)) return 0;
     if (bdb_update_meta(h) < 0) return -1;
     for (uint32_t i = 0; i < n; ++i) bits_clrb(h->meta->pgmap, static_cast<int32_t>(first + i));
@@ -419,6 +452,11 @@ extern "C" int bdb_ret_data(bdb_handle *h, const bdb_page *page, bdb_datum *data
     if (sl.datalen == 0) {
         data->ptr = nullptr;
         return 0;
+    }
+    // The stated length is checked against the file before it is allocated.
+    if (slot_is_long(sl) && (sl.dataref == 0 || static_cast<uint64_t>(sl.dataref) + run_pages(sl.datalen) > *h->npages_ref)) {
+        data->ptr = nullptr;
+        return report_damage(h, sl.dataref, "long value runs past the end of the file");
     }
     auto *buf = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(sl.datalen) + 1));
     if (!buf) {
