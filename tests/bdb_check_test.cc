@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <functional>
 
 #include "test_util.h"
@@ -169,6 +170,61 @@ TEST(Damaged, ChangesNeedingADamagedPageFailWithoutSpreadingIt) {
     EXPECT_EQ(bdb_error(h), BDB_E_DBTYPE);
     EXPECT_TRUE(vt::get(h, f.keys.back(), nullptr));  // other pages still serve
     bdb_close(h);
+}
+
+// Damage to the map or to a long value's reference never spreads: a
+// read-write session that tries changes and closes loses no record that was
+// readable, never grows the file because of the map, and after the first
+// damage found refuses every change while reads go on.
+TEST(Damaged, ReadWriteSessionsOnADamagedFileLoseNothingThatWasReadable) {
+    struct Case {
+        const char *what;
+        std::function<void(File &)> damage;
+    };
+    const Case cases[] = {
+        {"a map word lost", [](File &f) { f.edit(0, [](Page &p) { p.m()->pgmap[1] = 0; }); }},
+        {"a map of zeros", [](File &f) { f.edit(0, [](Page &p) { std::memset(p.m()->pgmap, 0, 8168); }); }},
+        {"a map of ones", [](File &f) { f.edit(0, [](Page &p) { std::memset(p.m()->pgmap, 0xff, 8168); }); }},
+        {"ones but the last page",
+         [](File &f) { f.edit(0, [](Page &p) { std::memset(p.m()->pgmap, 0xff, 8168), bits_clrb(p.m()->pgmap, 65343); }); }},
+        {"the meta page free", [](File &f) { f.edit(0, [](Page &p) { bits_clrb(p.m()->pgmap, 0); }); }},
+        {"a long value at page 0", [](File &f) { f.edit_long([](bdb_slot &s) { s.dataref = 0; }); }},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        File f;
+        const auto size = std::filesystem::file_size(f.path);
+        c.damage(f);
+        auto readable = [&f] {
+            std::vector<std::string> out;
+            bdb_handle *r = vt::open_db(f.path, 0, BDB_RDONLY);
+            for (std::size_t i = 400; r && i < f.keys.size(); ++i)
+                if (vt::get(r, f.keys[i], nullptr)) out.push_back(f.keys[i]);
+            bdb_close(r);
+            return out;
+        };
+        const std::vector<std::string> before = readable();
+        bdb_handle *h = vt::open_db(f.path);
+        ASSERT_NE(h, nullptr);
+        // Changes that allocate, or free, or neither; each either works or is
+        // refused with a code, and once damage is found nothing more goes in.
+        const std::string big(20000, 'B');
+        bool refused = false;
+        for (int i = 0; i < 400; ++i) {
+            const std::string k = "new" + std::to_string(i);
+            int r = i % 3 == 0 ? vt::put(h, k, big) : i % 3 == 1 ? vt::put(h, k, std::string(500, 'n')) : vt::del(h, f.keys[i]);
+            if (r < 0) {
+                EXPECT_TRUE(bdb_error(h) == BDB_E_DBTYPE || bdb_error(h) == BDB_E_FULL) << bdbstrerr(bdb_error(h));
+                refused = refused || bdb_error(h) == BDB_E_DBTYPE;
+            } else {
+                EXPECT_FALSE(refused) << "a change after damage was found";
+            }
+        }
+        EXPECT_EQ(bdb_close(h), 0);
+        EXPECT_GE(std::filesystem::file_size(f.path), size - 8192 * 64);
+        EXPECT_LE(std::filesystem::file_size(f.path), size + 8192 * 2000) << "grown because of the map";
+        EXPECT_EQ(readable(), before);
+    }
 }
 
 }  // namespace
