@@ -297,17 +297,23 @@ bdb_handle *bdb_open(const char *path, int reserved, int flags, int mode, const 
         // make room (and thread handles share this descriptor), so the file
         // is opened for writing when the caller may write it.
         const int area_oflag = (h->flags & BDB_F_AREA) ? O_RDWR : oflag;
+        // O_NONBLOCK: a FIFO or a device is refused below, never waited on.
         int open_flags = area_oflag;
-        h->fd = sysio.open(path, area_oflag, perm);
+        h->fd = sysio.open(path, area_oflag | O_NONBLOCK, perm);
         if (h->fd < 0 && area_oflag != oflag && (errno == EACCES || errno == EROFS))
-            h->fd = sysio.open(path, open_flags = oflag, perm);
+            h->fd = sysio.open(path, (open_flags = oflag) | O_NONBLOCK, perm);
         if (h->fd < 0) return bdb_open_error(h, "open", errno == ETXTBSY ? BDB_E_SHARE : BDB_E_OPEN, err);
+        struct stat kind;
+        if (::fstat(h->fd, &kind) < 0 || !S_ISREG(kind.st_mode) ||
+            ::fcntl(h->fd, F_SETFL, ::fcntl(h->fd, F_GETFL) & ~O_NONBLOCK) < 0)
+            return bdb_open_error(h, "not a regular file", BDB_E_DBTYPE, err);
         if (mode == BDB_PRIVATE) {
             if (bdb_lock(h, BDB_LOCK, 3) < 0)
                 return bdb_open_error(h, "Database already opened by another process", h->error, err);
             // A thread group's lock above is its mutex; the group's file is
             // locked too, so that no other process opens it meanwhile.
-            if (h->thread_id && varlo::lock_file(h->fd, !(h->flags & BDB_F_RDONLY)) < 0)
+            if (h->thread_id && (varlo::lock_file(h->fd, !(h->flags & BDB_F_RDONLY)) < 0 ||
+                                 ((h->flags & BDB_F_RDONLY) && varlo::lock_role(h->fd, true) < 0)))
                 return bdb_open_error(h, "Database already opened by another process", BDB_E_IO, err);
             if (h->thread_id) h->flags |= BDB_F_FILE_SHARED;
         } else if (varlo::lock_file(h->fd, false) < 0) {
@@ -381,6 +387,9 @@ bdb_handle *bdb_open(const char *path, int reserved, int flags, int mode, const 
     } else if (*h->state_ref & kStateSwapped) {
         h->flags |= BDB_F_SWAPPED;
     }
+    // A shared-mode writer stays out while a private reader holds the file.
+    if (mode == BDB_SHARED && !(h->flags & BDB_F_RDONLY) && varlo::lock_role(h->fd, false) < 0)
+        return bdb_open_error(h, "Database opened read-only privately by another process", BDB_E_SHARE, err);
     h->compare = opts && opts->compare ? opts->compare : bdb_dti_compare;
     if (h->hold_count > 0) {
         h->hold_count = 1;

@@ -331,6 +331,9 @@ uint32_t count_free_pages(const bdb_handle *h);
 // Locks a descriptor's file (bytes 0..8191) without recording it in the
 // handle: shared (read) or exclusive. 0 or -1.
 int lock_file(int fd, bool exclusive);
+// Marks the descriptor's file as used by a private reader (true) or a
+// shared-mode writer (false); -1 when the other kind holds it.
+int lock_role(int fd, bool private_reader);
 
 // ---------------------------------------------------------------------------
 // Handles, registry, shared memory, mutexes

@@ -400,6 +400,24 @@ bdb_handle *bdb_alloc_handle(const char *path, int mode, uint32_t thread, bdb_er
         std::free(h);
         return nullptr;
     }
+    // The thread handles of one file in a process are all of one mode: a
+    // private group and shared-mode handles would each have a mutex of their
+    // own, and closing one kind would free what the other still uses.
+    struct stat st;
+    const bool known = ::stat(h->name, &st) == 0;
+    for (uint32_t i = 0; known && i < numDatabases; ++i) {
+        const bdb_hndl_entry &e = bdb_hndl_array[i];
+        if (e.key != h->ipc_key || e.nhandles == 0 || e.file_dev != static_cast<uint64_t>(st.st_dev) ||
+            e.file_ino != static_cast<uint64_t>(st.st_ino))
+            continue;
+        if ((e.handles[0]->attach == bdb_attach_shared_memory) != (mode == BDB_SHARED)) {
+            h->error = BDB_E_SHARE;
+            bdb_errlog(h, "Database already opened in the other mode by this process");
+            if (err) *err = h->error;
+            std::free(h);
+            return nullptr;
+        }
+    }
     if (bdb_add_database(h) < 0) {
         if (err) *err = h->error;
         std::free(h);

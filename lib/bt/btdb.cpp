@@ -298,7 +298,8 @@ int bt_additem(bdb_handle *h, const char *id, const char *prefix, const char *na
 
 int bt_rmitem(bdb_handle *h, const char *id, const char *prefix, const char *name) {
     return with_mutex(h, id, [&] {
-        if (!name) {
+        // An empty prefix and name would name the object's own header record.
+        if (!name || (!*name && (!prefix || !*prefix))) {
             h->error = BDB_E_PARAM;
             return -1;
         }
@@ -312,7 +313,8 @@ int bt_rmitem(bdb_handle *h, const char *id, const char *prefix, const char *nam
 int bt_replace_item(bdb_handle *h, const char *id, const char *prefix, const char *name, const void *data,
                     uint32_t len) {
     return with_mutex(h, id, [&] {
-        if (!name) {
+        // An empty prefix and name would name the object's own header record.
+        if (!name || (!*name && (!prefix || !*prefix))) {
             h->error = BDB_E_PARAM;
             return -1;
         }

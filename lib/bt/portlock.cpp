@@ -10,7 +10,10 @@
 //    other descriptor of the file does not drop it;
 //  - every opener takes it: shared-mode users share it, so a private opener
 //    elsewhere is kept out, and a shared opener is kept out while a private
-//    user holds it.
+//    user holds it;
+//  - private readers and shared-mode writers both take it shared, so each
+//    also marks a byte of its own past the file's end (lock_role): a private
+//    read-only handle keeps every writer out.
 #include <cerrno>
 #include <fcntl.h>
 
@@ -23,9 +26,52 @@ namespace {
 
 int set_lock(int fd, short type) { return sysio.lock(fd, type); }
 
+// Two bytes past the largest possible file mark the two kinds of user that
+// must not meet although each shares the meta page lock with its own kind:
+// private read-only handles and shared-mode handles that may write. They are
+// locked here directly (the file I/O seam covers the meta page lock).
+constexpr off_t kWriterMark = static_cast<off_t>(BDB_MAXPAGES) * BDB_PGSIZE;
+constexpr off_t kReaderMark = kWriterMark + 1;
+
+int mark_lock(int fd, short type, off_t start, off_t len) {
+    struct flock fl {};
+    fl.l_type = type;
+    fl.l_whence = SEEK_SET;
+    fl.l_start = start;
+    fl.l_len = len;
+    fl.l_pid = 0;
+    int r;
+    do {
+        r = ::fcntl(fd, F_OFD_SETLK, &fl);
+    } while (r < 0 && errno == EINTR);
+    return r;
+}
+
+// Does another open file hold any lock on the byte?
+bool byte_held(int fd, off_t at) {
+    struct flock fl {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    fl.l_start = at;
+    fl.l_len = 1;
+    fl.l_pid = 0;
+    return ::fcntl(fd, F_OFD_GETLK, &fl) < 0 || fl.l_type != F_UNLCK;
+}
+
 }  // namespace
 
 namespace varlo {
+
+// Each kind first marks its own byte, then looks at the other kind's: of two
+// openers racing, at least the later one sees the other's mark, so the two
+// kinds never hold the file together (both may fail, which is safe).
+int lock_role(int fd, bool private_reader) {
+    const off_t own = private_reader ? kReaderMark : kWriterMark;
+    if (mark_lock(fd, F_RDLCK, own, 1) < 0) return -1;
+    if (!byte_held(fd, private_reader ? kWriterMark : kReaderMark)) return 0;
+    mark_lock(fd, F_UNLCK, own, 1);
+    return -1;
+}
 
 // The file lock of a handle that does not record it in BDB_F_LOCKED: shared
 // users take it shared, a private thread group (whose bdb_lock is its mutex)
@@ -45,8 +91,14 @@ extern "C" int btree_lockf(bdb_handle *h, int op, int kind) {
             h->error = BDB_E_LOCKED;
             return -1;
         }
-        if (set_lock(h->fd, (h->flags & BDB_F_RDONLY) ? F_RDLCK : F_WRLCK) < 0) {
+        const bool reader = h->flags & BDB_F_RDONLY;
+        if (set_lock(h->fd, reader ? F_RDLCK : F_WRLCK) < 0) {
             h->error = BDB_E_IO;
+            return -1;
+        }
+        if (reader && lock_role(h->fd, true) < 0) {
+            set_lock(h->fd, F_UNLCK);
+            h->error = BDB_E_SHARE;
             return -1;
         }
         h->flags |= BDB_F_LOCKED;
@@ -56,7 +108,7 @@ extern "C" int btree_lockf(bdb_handle *h, int op, int kind) {
         h->error = BDB_E_NOTLOCKED;
         return -1;
     }
-    if (set_lock(h->fd, F_UNLCK) < 0) {
+    if (mark_lock(h->fd, F_UNLCK, kWriterMark, 2) < 0 || set_lock(h->fd, F_UNLCK) < 0) {
         h->error = BDB_E_IO;
         return -1;
     }
