@@ -79,6 +79,9 @@ TEST(ObjStore, DefaultDatabaseCarListsAndKeyLimits) {
         [&] { return bt_rmobj(h, id.c_str()); }, [&] { return bt_clone(h, "car", to, nullptr, 0); },
         [&] { return bt_additem(h, "car", "", name.c_str(), "v", 1); }, [&] { return bt_replace_item(h, "car", "n", name.c_str() + 1, "v", 1); }};
     for (size_t i = 0; i < std::size(calls); ++i) EXPECT_EQ(failure(h, (bdb_seterror(h, 0), calls[i]())), BDB_E_KEYSIZE) << i;
+    // An empty prefix and name would be the object's own header record.
+    EXPECT_EQ(failure(h, bt_replace_item(h, "car", "", "", "x", 1)), BDB_E_PARAM);
+    EXPECT_EQ(failure(h, bt_rmitem(h, "car", nullptr, "")), BDB_E_PARAM);
     EXPECT_TRUE(vt::walk(h) == before);
     EXPECT_EQ(bt_closedb(h), 0);
     std::filesystem::current_path(cwd);

@@ -98,12 +98,25 @@ TEST_F(Exclusion, SharedUsersShareAndReadOnlyPrivateUsersShare) {
         VT_CHILD_CHECK(o != nullptr);
         VT_CHILD_CHECK(vt::get(o, "child", nullptr));
         bdb_close(o);
-        // a writer is refused while a reader is there
+        // a writer is refused while a reader is there, a shared one too
         VT_CHILD_CHECK(vt::open_db(path, 0, BDB_RDWR) == nullptr);
+        uint32_t e = 0;
+        VT_CHILD_CHECK(open_as(path, kShared, &e) == nullptr && e == BDB_E_SHARE);
         return 0;
     });
     EXPECT_EQ(vt::wait_child(pid), 0);
     bdb_close(r);
+    EXPECT_FALSE(vt::shm_exists(key) || vt::sem_exists(key));
+
+    // In one process the thread handles of a file are all of one mode.
+    for (int first : {BDB_PRIVATE, BDB_SHARED}) {
+        bdb_handle *a = bdb_open(path.c_str(), 0, BDB_RDWR, first, nullptr, 1, &err);
+        ASSERT_NE(a, nullptr);
+        EXPECT_EQ(bdb_open(path.c_str(), 0, BDB_RDWR, BDB_PRIVATE + BDB_SHARED - first, nullptr, 1, &err), nullptr);
+        EXPECT_EQ(err, BDB_E_SHARE);
+        EXPECT_EQ(bdb_close(a), 0);
+        EXPECT_FALSE(vt::shm_exists(key) || vt::sem_exists(key));
+    }
 }
 
 }  // namespace
