@@ -452,11 +452,14 @@ int bdb_create(const char *path, int mode, uint32_t *err);
  *
  * Returns the handle, or NULL with *err set: BDB_E_PARAM (bad flags or mode;
  * the handler is called once with a NULL handle), BDB_E_NOENT / BDB_E_ACCESS
- * (path), BDB_E_SHARE (the database is in use in the other mode), BDB_E_OPEN,
- * BDB_E_IO (file lock held by another process), BDB_E_DBTYPE (shorter than a
- * page), BDB_E_DBSIZE (size not a multiple of a page), BDB_E_MAGIC,
- * BDB_E_NOMEM, or a shared memory / semaphore code. The handle is freed by
- * bdb_close or bdb_destroy.
+ * (path), BDB_E_SHARE (the database is in use in the other mode, also by
+ * thread handles of this process under the same path: a process's thread
+ * handles of one file are all shared or all private), BDB_E_OPEN, BDB_E_IO
+ * (file lock held by another process), BDB_E_DBTYPE (shorter than a page, or
+ * not a regular file: a FIFO or a device is refused without waiting on it),
+ * BDB_E_DBSIZE (size not a multiple of a page), BDB_E_MAGIC, BDB_E_NOMEM, or
+ * a shared memory / semaphore code. A failed open leaves no shared memory segment
+ * or semaphore set behind. The handle is freed by bdb_close or bdb_destroy.
  *
  * Crash recovery: every database has a meta log beside it, PATH-log (made by
  * the first read-write open). The first user of a database (a private open,
@@ -471,7 +474,17 @@ int bdb_create(const char *path, int mode, uint32_t *err);
  * open writes nothing to the file.
  *
  * A private read-only open shares the file lock with other readers and keeps
- * writers out; a private read-write open holds it alone.
+ * every writer out, private or shared-mode, in this process or another (a
+ * shared-mode writer is refused with BDB_E_SHARE); a private read-write open
+ * holds the lock alone.
+ *
+ * Damage: every tree page is checked when it is read from the file; a page
+ * that fails gives BDB_E_DBTYPE with a report naming the page. Once damage is
+ * found (by a page check, or by the check of the tree's references that the
+ * first allocation of a session makes) every later change is refused with
+ * BDB_E_DBTYPE, while reads of what is still sound go on; nothing is ever
+ * allocated on a page the tree references, and a sync never cuts the file
+ * below such a page nor grows it because the map says so.
  */
 bdb_handle *bdb_open(const char *path, int reserved, int flags, int mode, const bdb_options *opts,
                      uint32_t thread, uint32_t *err);
@@ -482,15 +495,24 @@ bdb_handle *bdb_open_error(bdb_handle *h, const char *context, uint32_t code, ui
 
 /*
  * Syncs (unless read-only) and frees the handle. Returns 0, or a negative
- * value: a failed sync or mutex step leaves the handle open and usable.
+ * value: a failed sync or mutex step leaves the handle open and usable (call
+ * bdb_close again, or bdb_destroy); a failure of the freeing step itself
+ * (closing the file, detaching the area) still frees the handle.
  */
 int bdb_close(bdb_handle *h);
 
 /*
- * Frees the handle without syncing and removes the file and its meta log
- * once the file is closed (for a thread group, when its last handle goes).
- * Refused with BDB_E_SHARE (-1, handle still open) for a database open in
- * shared mode.
+ * Marks the handle for destruction and frees it without syncing. Once the
+ * freeing step is reached the handle is gone whatever the result: a -1 from
+ * that step (the file could not be removed, a detach failed) still means the
+ * handle is freed. Only a failure before it leaves the handle open and
+ * usable: taking the database mutex or the process-wide mutex (a negative
+ * mutex result), or a database open in shared mode, whose file is never
+ * removed (-1, BDB_E_SHARE). The file and its meta log go once the file is
+ * closed: at once for a private handle; for a thread group only with the
+ * group's last handle, and only if that last handle carries the destroy mark
+ * (a group member's bdb_destroy frees it without removing anything while
+ * others remain).
  */
 int bdb_destroy(bdb_handle *h);
 
@@ -813,9 +835,11 @@ int bt_getitem(bdb_handle *h, const char *id, const char *prefix, const char *na
 /* Adds an item to an existing object; BDB_E_DUPLICATE when it exists. */
 int bt_additem(bdb_handle *h, const char *id, const char *prefix, const char *name, const void *data,
                uint32_t len);
-/* Removes an item. */
+/* Removes an item. An empty (or NULL) prefix with an empty name would name
+ * the object's own header record: refused with BDB_E_PARAM. */
 int bt_rmitem(bdb_handle *h, const char *id, const char *prefix, const char *name);
-/* Replaces an existing item's value; BDB_E_NOTFOUND when absent. */
+/* Replaces an existing item's value; BDB_E_NOTFOUND when absent. An empty
+ * prefix and name are refused with BDB_E_PARAM, as for bt_rmitem. */
 int bt_replace_item(bdb_handle *h, const char *id, const char *prefix, const char *name,
                     const void *data, uint32_t len);
 /* Lists the names (after `prefix`) of an object's items in key order into a
