@@ -3,7 +3,7 @@
 # natively with the cross-build test, again under AddressSanitizer +
 # UndefinedBehaviorSanitizer, and the thread tests under ThreadSanitizer),
 # `make bench`, `make bench-peers` (varlo next to other engines; PEERS_ARGS),
-# `make soak`, `make install`
+# `make soak`, `make fuzz`, `make install`
 # (PREFIX, default /usr/local; DESTDIR honoured), `make package` (a .deb).
 SHELL := /bin/bash
 MAKEFLAGS += --no-print-directory
@@ -18,10 +18,13 @@ S390X := build-s390x
 # How the big-endian build's programs run here (as in cmake/s390x.cmake).
 S390X_RUN := qemu-s390x -L /usr/s390x-linux-gnu
 PREFIX ?= /usr/local
+FUZZ := build-fuzz
+# Seconds each fuzz target runs in `make fuzz`.
+FUZZ_SECONDS ?= 90
 CMAKE_FLAGS := -DVARLO_WERROR=ON
 SOAK ?= 10
 
-.PHONY: run test test-deps test-plain test-m32 test-s390x test-asan test-tsan bench bench-peers soak install package deps clean
+.PHONY: run test test-deps test-plain test-m32 test-s390x test-asan test-tsan bench bench-peers soak fuzz fuzz-deps install package deps clean
 
 # Everything the targets need, as COMMAND:PACKAGE (or /FILE:PACKAGE);
 # installed when missing (as root with apt-get), or the exact command to run
@@ -134,5 +137,37 @@ soak: deps
 	cmake --build $(BUILD) -j$(JOBS)
 	cd $(BUILD) && VARLO_SOAK=$(SOAK) ctest --output-on-failure -j$(JOBS) -L model --timeout 7200
 
+# clang with libFuzzer (Debian's clang and libclang-rt-dev), installed when
+# missing like the packages above.
+fuzz-deps: deps
+	@if ! echo 'extern "C" int LLVMFuzzerTestOneInput(const unsigned char *, unsigned long) { return 0; }' | \
+	    clang++ -x c++ -fsanitize=fuzzer - -o /dev/null >/dev/null 2>&1; then \
+	  if [ "$$(id -u)" = 0 ] && command -v apt-get >/dev/null 2>&1; then \
+	    echo "installing: clang libclang-rt-dev"; \
+	    apt-get update && DEBIAN_FRONTEND=noninteractive apt-get install -y clang libclang-rt-dev; \
+	  else \
+	    echo "missing packages; run: sudo apt-get update && sudo apt-get install -y clang libclang-rt-dev"; exit 1; \
+	  fi; \
+	fi
+
+# Each target runs FUZZ_SECONDS under ASan+UBSan, starting from the seed
+# corpus and the regression cases. An allocation over 1 GiB, a hang of 20 s,
+# a crash or a sanitizer report stops it; the input that did it is kept in
+# fuzz/regressions/TARGET/, which `make test` replays from then on.
+fuzz: fuzz-deps
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVARLO_FUZZ=ON -DVARLO_TESTS=OFF \
+	  -DVARLO_EXTRAS=OFF -DVARLO_SANITIZE=address,undefined >/dev/null
+	cmake --build $(FUZZ) -j$(JOBS) --target fuzz_damaged_file fuzz_call_sequence
+	@rc=0; for t in damaged_file call_sequence; do \
+	  mkdir -p $(FUZZ)/corpus/$$t fuzz/regressions/$$t; \
+	  echo "== fuzzing $$t for $(FUZZ_SECONDS) s"; \
+	  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:quarantine_size_mb=64 UBSAN_OPTIONS=print_stacktrace=1 \
+	    ./$(FUZZ)/fuzz/fuzz_$$t $(FUZZ)/corpus/$$t fuzz/corpus/$$t fuzz/regressions/$$t \
+	    -max_total_time=$(FUZZ_SECONDS) -rss_limit_mb=1024 -malloc_limit_mb=1024 -timeout=20 \
+	    -artifact_prefix=fuzz/regressions/$$t/ -print_final_stats=1 2>$(FUZZ)/$$t.log || rc=1; \
+	  tail -n 12 $(FUZZ)/$$t.log; \
+	done; \
+	if [ $$rc != 0 ]; then echo "fuzzing found a failure: see $(FUZZ)/*.log and fuzz/regressions/"; fi; exit $$rc
+
 clean:
-	rm -rf $(BUILD) $(ASAN) $(TSAN) $(RELEASE) $(PACKAGE) $(M32) $(S390X)
+	rm -rf $(BUILD) $(ASAN) $(TSAN) $(RELEASE) $(PACKAGE) $(M32) $(S390X) $(FUZZ)
