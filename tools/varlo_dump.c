@@ -18,6 +18,13 @@
  * bytes (NUL and newline included); an empty value leaves nothing after the
  * space. Every line ends with a newline. The trailer lets a reader detect a
  * truncated dump. On failure a FILE given with -f is removed.
+ *
+ * The records are read by walking the tree page by page in key order. On a
+ * damaged file the dump saves what can still be read: a page that fails its
+ * check is reported (with its number) and skipped together with the records
+ * below it, a record whose long value cannot be read is skipped, and the
+ * dump of everything else is written and kept, with its trailer; the exit
+ * status is then 1.
  */
 #define _POSIX_C_SOURCE 200809L
 
@@ -72,16 +79,69 @@ static int write_record(FILE *out, const bdb_datum *key, const bdb_datum *val, c
     return fwrite(*buf, 1, (size_t)(end - *buf), out) == (size_t)(end - *buf) ? 0 : -1;
 }
 
+/* The walk of the tree: where the records go, what was written and skipped,
+ * and the pages already visited (a damaged tree may reach a page twice). */
+struct walk {
+    FILE *out;
+    char *line;
+    size_t cap;
+    unsigned long long count, skipped;
+    int io_error;
+    uint32_t seen[BDB_MAPWORDS];
+};
+
+/* Writes the records of the subtree at pg in key order. Damage is reported
+ * and skipped; only a failed write of the dump stops the walk (-1). */
+static int dump_tree(bdb_handle *h, uint32_t pg, int depth, struct walk *w) {
+    unsigned char *copy;
+    const bdb_page *p;
+    uint32_t i;
+    if (pg == 0) return 0;
+    if (depth > 64 || pg >= BDB_MAXPAGES || (w->seen[pg / 32] >> (pg % 32) & 1u)) {
+        fprintf(stderr, "%s: page %u: reached twice or too deep: skipped\n", tool_prog, (unsigned)pg);
+        w->skipped++;
+        return 0;
+    }
+    w->seen[pg / 32] |= 1u << (pg % 32);
+    p = bdb_get_dpage(h, pg, 0); /* a damaged page is reported by the handler */
+    if (!p || !(copy = malloc(BDB_PGSIZE))) {
+        fprintf(stderr, "%s: page %u and the records below it skipped\n", tool_prog, (unsigned)pg);
+        w->skipped++;
+        return 0;
+    }
+    /* The walk below takes the page's buffer for others: keep a copy. */
+    memcpy(copy, p, BDB_PGSIZE);
+    p = (const bdb_page *)copy;
+    if (dump_tree(h, p->leftpg, depth + 1, w) < 0) goto failed;
+    for (i = 0; i < p->nslots; ++i) {
+        bdb_datum key, val;
+        key.ptr = copy + p->slots[i].keyoff;
+        key.len = p->slots[i].keylen;
+        if (bdb_ret_data(h, p, &val, (int32_t)i) < 0) {
+            fprintf(stderr, "%s: page %u: record %u skipped: %s\n", tool_prog, (unsigned)pg, (unsigned)i,
+                    bdbstrerr(bdb_error(h)));
+            w->skipped++;
+        } else {
+            int r = write_record(w->out, &key, &val, &w->line, &w->cap);
+            free(val.ptr);
+            if (r < 0) goto failed;
+            w->count++;
+        }
+        if (dump_tree(h, p->slots[i].childpg, depth + 1, w) < 0) goto failed;
+    }
+    free(copy);
+    return 0;
+failed:
+    free(copy);
+    w->io_error = 1;
+    return -1;
+}
+
 int main(int argc, char **argv) {
     int mode;
-    int r, rc = 0, locked = 0;
-    unsigned long long count = 0;
-    char kbuf[BDB_MAXKEY + 1];
-    char *line = NULL;
-    size_t cap = 0;
-    bdb_datum key, val;
+    int rc = 0, locked = 0;
+    static struct walk w;
     bdb_handle *h;
-    FILE *out = stdout;
 
     const char *arg = tool_args(argc, argv, 1, "f:", option, &mode, usage)[0];
 
@@ -91,45 +151,34 @@ int main(int argc, char **argv) {
     }
     if (tool_hold(h, mode)) return 1;
     locked = mode == BDB_SHARED;
-    if (outpath && !(out = fopen(outpath, "w"))) {
+    w.out = stdout;
+    if (outpath && !(w.out = fopen(outpath, "w"))) {
         fprintf(stderr, "fopen %s failed: %s\n", outpath, strerror(errno));
         if (locked) bdb_lock(h, BDB_UNLOCK, 0);
         bdb_close(h);
         return 1;
     }
 
-    if (fputs("VARLO-DUMP 1\n", out) == EOF) rc = -1;
-    key.ptr = kbuf;
-    key.len = 0;
-    val.ptr = NULL;
-    val.len = 0;
-    r = rc == 0 ? bdb_first(h, &key, &val) : -1;
-    while (rc == 0 && r == 0) {
-        if (write_record(out, &key, &val, &line, &cap) < 0) rc = -1;
-        free(val.ptr);
-        val.ptr = NULL;
-        ++count;
-        if (rc == 0) r = bdb_next(h, &key, &val);
-    }
-    if (rc < 0) {
+    w.seen[0] = 1; /* the meta page is never a tree page */
+    if (fputs("VARLO-DUMP 1\n", w.out) == EOF || dump_tree(h, h->meta->root, 0, &w) < 0 ||
+        fprintf(w.out, "records=%llu\n", w.count) < 0 || fflush(w.out) != 0) {
         fprintf(stderr, "write %s failed: %s\n", outpath ? outpath : "standard output", strerror(errno));
-        rc = 1;
-    } else if (bdb_error(h) != BDB_E_EOF && bdb_error(h) != BDB_E_EMPTY) {
-        tool_fail(count ? "bdb_next" : "bdb_first", bdb_error(h));
-        rc = 1;
-    } else if (fprintf(out, "records=%llu\n", count) < 0 || fflush(out) != 0) {
-        fprintf(stderr, "write %s failed: %s\n", outpath ? outpath : "standard output", strerror(errno));
+        rc = 2;
+    } else if (w.skipped) {
+        fprintf(stderr, "%s: damaged database: %llu pages or records skipped, %llu records saved\n", tool_prog,
+                w.skipped, w.count);
         rc = 1;
     }
-    free(line);
+    free(w.line);
 
     if (outpath) {
-        if (fclose(out) != 0 && rc == 0) {
+        if (fclose(w.out) != 0 && rc != 2) {
             fprintf(stderr, "write %s failed: %s\n", outpath, strerror(errno));
-            rc = 1;
+            rc = 2;
         }
-        if (rc) remove(outpath);
+        if (rc == 2) remove(outpath); /* a dump that could not be written; a damaged database's is kept */
     }
+    if (rc == 2) rc = 1;
     if (locked && bdb_lock(h, BDB_UNLOCK, 0) < 0) {
         tool_fail("bdb_lock", bdb_error(h));
         rc = 1;
