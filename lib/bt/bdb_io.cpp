@@ -346,7 +346,16 @@ int copy_page(bdb_handle *h, uint32_t pg, uint8_t *out, const char **why) {
     }
     const uint32_t rec = find_record(h, pg);
     const uint8_t *cached = rec == kNone ? nullptr : buffer(h, rec);
-    if (cached && reinterpret_cast<const bdb_page *>(cached)->pgno == pg) {
+    if (!cached || reinterpret_cast<const bdb_page *>(cached)->pgno != pg) {
+        // A changed page may wait in the write-behind buffer of the meta log.
+        cached = nullptr;
+        const uint32_t n = metalog_active(h) ? std::min(metalog_deferred_count(h), kDeferPages) : 0;
+        for (uint32_t i = 0; i < n && !cached; ++i) {
+            const uint8_t *img = nullptr;
+            if (metalog_deferred(h, i, &img) == pg) cached = img;
+        }
+    }
+    if (cached) {
         std::memcpy(out, cached, kPageSize);
     } else {
         if (bdb_read_dpage(h, pg, out, kPageSize) < 0) return -1;
