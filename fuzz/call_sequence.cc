@@ -221,7 +221,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Session s;
     s.path = fz::db_path();
     s.group = in.u8() & 1;
-    ::unlink(s.path.c_str());
+    fz::remove_db(s.path);
     FZ_CHECK(bdb_create(s.path.c_str(), BDB_PRIVATE, nullptr) == 0);
     s.open();
     Model m;
@@ -253,6 +253,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     drop_objects(got);
     FZ_CHECK(got == fz::Records(m.begin(), m.end()));
     s.close();
-    ::unlink(s.path.c_str());
+    fz::remove_db(s.path);
     return 0;
 }

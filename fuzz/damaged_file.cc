@@ -116,6 +116,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     } else {
         FZ_CHECK(!sound);
     }
-    ::unlink(path.c_str());
+    fz::remove_db(path);
     return 0;
 }

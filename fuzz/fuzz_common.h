@@ -38,8 +38,15 @@ inline const std::string &db_path() {
     return path;
 }
 
-inline void write_file(const std::string &path, const uint8_t *data, size_t n) {
+// Removes a database and the meta log beside it.
+inline void remove_db(const std::string &path) {
     ::unlink(path.c_str());
+    ::unlink((path + "-log").c_str());
+}
+
+// A new database file holding the bytes (and no meta log).
+inline void write_file(const std::string &path, const uint8_t *data, size_t n) {
+    remove_db(path);
     int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     FZ_CHECK(fd >= 0);
     for (size_t done = 0; done < n;) {
