@@ -1,5 +1,5 @@
 // Writes the seed corpus kept in fuzz/corpus: small valid databases for the
-// damaged-file target (empty, one leaf, a tree with long values, a tree with
+// damaged-file target, one database file each (empty, one leaf, a tree with long values, a tree with
 // free pages inside, a file in the other byte order) and a few programs for
 // the call-sequence target. Run from the source tree:
 //     build/fuzz/fuzz_make_seeds fuzz/corpus
@@ -38,6 +38,7 @@ std::string make_db(const std::string &name, Fill fill) {
     bdb_handle *h = bdb_open(path.c_str(), 0, BDB_RDWR, BDB_PRIVATE, nullptr, 0, &err);
     fill(h);
     bdb_close(h);
+    std::filesystem::remove(path + "-log");  // the seed is the database file alone
     return path;
 }
 
@@ -65,20 +66,20 @@ int main(int argc, char **argv) {
     dir = argv[1];
     std::filesystem::create_directories(dir + "/damaged_file");
     std::filesystem::create_directories(dir + "/call_sequence");
-    make_db("empty.db", [](bdb_handle *) {});
-    const std::string leaf = make_db("leaf.db", [](bdb_handle *h) {
+    make_db("empty", [](bdb_handle *) {});
+    const std::string leaf = make_db("leaf", [](bdb_handle *h) {
         for (int i = 0; i < 12; ++i) put(h, "key" + std::to_string(i), std::string(i * 3, 'v'));
     });
-    make_db("tree.db", [](bdb_handle *h) {
+    make_db("tree", [](bdb_handle *h) {
         for (int i = 0; i < 160; ++i) put(h, "k" + std::to_string(i * 7 % 160), std::string(40, 'a' + i % 26));
         put(h, "long1", std::string(3000, 'L'));
         put(h, "long2", std::string(9000, 'M'));
     });
-    make_db("holes.db", [](bdb_handle *h) {
+    make_db("holes", [](bdb_handle *h) {
         for (int i = 0; i < 100; ++i) put(h, "h" + std::to_string(i), std::string(i % 20 == 0 ? 2500 : 30, 'h'));
         for (int i = 0; i < 70; ++i) del(h, "h" + std::to_string(i));
     });
-    swap_file(leaf, dir + "/damaged_file/swapped.db");
+    swap_file(leaf, dir + "/damaged_file/swapped");
     std::mt19937 rng(13);
     for (int s = 0; s < 4; ++s) {
         std::string prog(200 + 100 * s, '\0');
