@@ -721,7 +721,7 @@ int restore_last_sync(bdb_handle *h, const LogScan &scan) {
     for (const auto &r : scan.records) {
         if ((done[r.pgno >> 5] >> (r.pgno & 31)) & 1u) continue;  // the first image of a page counts
         done[r.pgno >> 5] |= 1u << (r.pgno & 31);
-        if (metalog_read(h, scan, r, rec.data()) < 0 || bdb_backout_old(h, rec.data(), r.len) < 0) return -1;
+        if (metalog_read(h, scan, r, rec.data()) < 0 || bdb_backout_old(h, rec.data(), 4 + kPageSize) < 0) return -1;
     }
     // Whatever the cache holds (another process's changes in a shared area)
     // is later than the last sync.

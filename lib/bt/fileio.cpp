@@ -41,8 +41,17 @@ void *sys_map(int fd, size_t len, off_t off, bool writable) {
 
 int sys_fstat(int fd, struct stat *st) { return ::fstat(fd, st); }
 
-constexpr SysIo kSystem = {sys_open, ::close, ::pread, ::pwrite, ::fsync, ::ftruncate,
-                           sys_fstat, ::unlink, sys_lock, sys_map, ::munmap};
+int sys_start_writeback(int fd, off_t off, off_t len) {
+#ifdef SYNC_FILE_RANGE_WRITE
+    return ::sync_file_range(fd, off, len, SYNC_FILE_RANGE_WRITE);
+#else
+    (void)fd, (void)off, (void)len;
+    return 0;
+#endif
+}
+
+constexpr SysIo kSystem = {sys_open,  ::close,   ::pread,   ::pwrite, ::fsync, ::ftruncate,
+                           sys_fstat, ::unlink, sys_start_writeback, sys_lock, sys_map, ::munmap};
 
 }  // namespace
 

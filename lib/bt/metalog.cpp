@@ -52,7 +52,7 @@ struct LogControl {
     uint32_t ndeferred;     // pages in the write-behind buffer
     uint8_t file_magic[4];  // the file's first word as it stands (its byte order)
     uint32_t changes;       // the tree's version (see tree_version)
-    uint32_t spare;
+    uint32_t kicked;        // records up to this offset (in MiB) are on their way to the disk
     uint32_t deferred_pgno[kDeferPages];
     uint8_t deferred[kDeferPages][kPageSize];  // their images, machine order
     uint32_t lsn[BDB_MAXPAGES];  // stamp of each page's record (0 = none)
@@ -72,6 +72,28 @@ constexpr uint32_t kIntentPage = 0xffffffffu;
 constexpr uint32_t kIntentBytes = 16;
 
 uint64_t meta_hash_of(const void *meta_file_image) { return log_hash(meta_file_image, kPageSize, 0); }
+
+// The log's records start on their way to the disk in steps of this many MiB.
+constexpr uint32_t kKickMiB = 4;
+
+// Record flag: a tree page stored without its free gap.
+constexpr uint32_t kCompact = 1;
+
+// Where a tree page's header and slots end and its entries begin, read from
+// its image in file order.
+struct PageSpan {
+    bool valid;
+    uint32_t head, datastart;
+};
+PageSpan page_span(const uint8_t *img, bool swapped) {
+    uint32_t ds, ns;
+    std::memcpy(&ds, img + 12, 4);
+    std::memcpy(&ns, img + 16, 4);
+    if (swapped) ds = __builtin_bswap32(ds), ns = __builtin_bswap32(ns);
+    const uint64_t head = kHeaderSize + static_cast<uint64_t>(kSlotSize) * ns;
+    if (head > ds || ds > kPageSize) return {false, 0, 0};
+    return {true, static_cast<uint32_t>(head), ds};
+}
 
 // --- little-endian fields --------------------------------------------------
 
@@ -295,8 +317,9 @@ int metalog_scan(bdb_handle *h, LogScan *scan) {
         uint8_t *b = buf.data();
         if (read_full(fd, b, kLogRecordHeader, static_cast<off_t>(off)) < 0) break;
         const uint32_t len = get32(b + 4);
+        const bool compact = get32(b + 20) == kCompact;
         if (get32(b) != kRecMagic || get64(b + 8) != best.epoch || get32(b + 16) != seq ||
-            (len != 4 + kPageSize && len != 4 + kIntentBytes) ||
+            (compact ? len < 4 + kHeaderSize || len > 4 + kPageSize : len != 4 + kPageSize && len != 4 + kIntentBytes) ||
             off + kLogRecordHeader + len > static_cast<uint64_t>(lst.st_size))
             break;
         if (read_full(fd, b + kLogRecordHeader, len, static_cast<off_t>(off + kLogRecordHeader)) < 0) break;
@@ -312,9 +335,15 @@ int metalog_scan(bdb_handle *h, LogScan *scan) {
             scan->intent_hash = get64(b + kLogRecordHeader + 4);
             continue;
         }
-        if (pg >= BDB_MAXPAGES || len != 4 + kPageSize) break;
+        if (pg >= BDB_MAXPAGES || (!compact && len != 4 + kPageSize)) break;
+        if (compact) {
+            // The stored parts must be those of a page: its own header says
+            // where they go.
+            const PageSpan sp = page_span(b + kLogRecordHeader + 4, scan->file_swapped);
+            if (!sp.valid || sp.head + (kPageSize - sp.datastart) != len - 4) break;
+        }
         try {
-            scan->records.push_back(LogScan::Rec{pg, off - len, len});
+            scan->records.push_back(LogScan::Rec{pg, off - len, len, compact});
         } catch (...) {
             fail(h, BDB_E_NOMEM, "meta log scan");
             return done(-1);
@@ -330,6 +359,15 @@ int metalog_read(bdb_handle *h, const LogScan &scan, const LogScan::Rec &rec, vo
         return -1;
     }
     auto *w = static_cast<uint32_t *>(buf);
+    if (rec.compact) {
+        // Back to a whole page: the entries move to the page's end, the gap
+        // between reads as zero.
+        auto *img = static_cast<uint8_t *>(buf) + 4;
+        const PageSpan sp = page_span(img, scan.file_swapped);
+        const uint32_t tail = kPageSize - sp.datastart;
+        std::memmove(img + sp.datastart, img + sp.head, tail);
+        std::memset(img + sp.head, 0, sp.datastart - sp.head);
+    }
     if (scan.foreign_order) {
         // The page number and a meta page image are in the writer's order.
         w[0] = rec.pgno;
@@ -375,6 +413,7 @@ void start_interval(LogControl *c, uint64_t epoch, uint32_t pages, uint64_t meta
         c->stamp = 0;
     }
     c->durable = c->stamp;
+    c->kicked = 0;
     c->synced_pages = pages;
     c->meta_hash = meta_hash;
     std::memcpy(c->file_magic, magic, 4);
@@ -436,19 +475,28 @@ namespace {
 
 // Appends a record: a page's image (n = kPageSize) or, for kIntentPage, the
 // intent of a sync.
-int append(bdb_handle *h, uint32_t pgno, const void *image, uint32_t n) {
+int append(bdb_handle *h, uint32_t pgno, const void *image, uint32_t n, bool tree = false) {
     bdb_metalog *m = h->mlog;
     LogControl *c = m->ctl;
     uint8_t *b = m->stage;
-    const uint32_t total = kLogRecordHeader + 4 + n;
+    const auto *img = static_cast<const uint8_t *>(image);
+    // A tree page goes without the free gap between its slots and its
+    // entries: the log carries only what the page holds.
+    uint32_t head = n, tail = 0;
+    if (tree) {
+        const PageSpan sp = page_span(img, h->flags & BDB_F_SWAPPED);
+        if (sp.valid) head = sp.head, tail = kPageSize - sp.datastart;
+    }
+    const uint32_t stored = head + tail, total = kLogRecordHeader + 4 + stored;
     put32(b, kRecMagic);
-    put32(b + 4, 4 + n);
+    put32(b + 4, 4 + stored);
     put64(b + 8, c->epoch);
     put32(b + 16, c->nrec + 1);
-    put32(b + 20, 0);
+    put32(b + 20, head != n ? kCompact : 0);
     put64(b + 24, 0);
     std::memcpy(b + kLogRecordHeader, &pgno, 4);
-    std::memcpy(b + kLogRecordHeader + 4, image, n);
+    std::memcpy(b + kLogRecordHeader + 4, img, head);
+    if (tail) std::memcpy(b + kLogRecordHeader + 4 + head, img + kPageSize - tail, tail);
     put64(b + 24, log_hash(b, total, 0));
     if (!m->writable || write_full(m->fd, b, total, static_cast<off_t>(c->end)) < 0) {
         fail(h, BDB_E_WRITE, "meta log write");
@@ -458,13 +506,21 @@ int append(bdb_handle *h, uint32_t pgno, const void *image, uint32_t n) {
     c->nrec++;
     ++c->stamp;
     if (pgno < BDB_MAXPAGES) c->lsn[pgno] = c->stamp;
+    // Every few MiB the records written so far start on their way to the
+    // disk, so that the sync's fsync of the log has little left to wait for.
+    const uint32_t mib = static_cast<uint32_t>(c->end >> 20);
+    if (mib >= c->kicked + kKickMiB) {
+        (void)sysio.start_writeback(m->fd, static_cast<off_t>(c->kicked) << 20,
+                                    static_cast<off_t>(mib - c->kicked) << 20);
+        c->kicked = mib;
+    }
     return 0;
 }
 
 }  // namespace
 
 int metalog_log_page(bdb_handle *h, uint32_t pgno, const void *file_image) {
-    return append(h, pgno, file_image, kPageSize);
+    return append(h, pgno, file_image, kPageSize, true);
 }
 
 int metalog_log_meta(bdb_handle *h) { return append(h, 0, h->meta, kPageSize); }

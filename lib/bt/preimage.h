@@ -156,10 +156,13 @@ void journal_pinned(bdb_handle *h, uint32_t pgno);
 // the file's byte order) at the last sync, checksum.
 //
 // Record: a 32-byte header (little-endian: magic, length of the back-out
-// record, epoch, sequence number from 1, checksum over the header and the
-// back-out record) followed by the back-out record as bdb_backout_old takes
-// it: the page number in the writer's byte order, then the page's image as
-// it stands in the file (the meta page: 8192 bytes in the writer's order).
+// record, epoch, sequence number from 1, flags, checksum over the header and
+// the back-out record) followed by the back-out record as bdb_backout_old
+// takes it: the page number in the writer's byte order, then the page's
+// image as it stands in the file (the meta page: 8192 bytes in the writer's
+// order). A tree page's image may be stored compact (flag 1): its header and
+// slots, then its entries, without the free gap between; reading the
+// record gives the whole page back.
 // A sync appends one more record before it writes the file, its intent: page
 // number 0xffffffff, the hash of the meta page it writes and the length.
 // Recovery applies the records of the header's epoch in order up to the
@@ -181,8 +184,9 @@ struct LogScan {
     uint64_t intent_hash = 0;   // hash of the meta page that sync was writing
     struct Rec {
         uint32_t pgno;
-        uint64_t off;  // offset of the back-out record in the log
-        uint32_t len;  // its length
+        uint64_t off;   // offset of the back-out record in the log
+        uint32_t len;   // its length as stored
+        bool compact;   // a tree page stored without its free gap
     };
     std::vector<Rec> records;  // records of the current interval, in order
 };
@@ -209,8 +213,10 @@ void metalog_close(bdb_handle *h);
 // 0 (no log file at all gives an empty scan), or -1 with a code (BDB_E_OPEN,
 // BDB_E_NOMEM). A record that does not check ends the scan.
 int metalog_scan(bdb_handle *h, LogScan *scan);
-// Reads one back-out record of a scan into buf (rec.len bytes), converted
-// to the machine's order where the writer's order differs. 0 or -1.
+// Reads one back-out record of a scan into buf (room for 4 + kPageSize
+// bytes): a whole page image, converted to the machine's order where the
+// writer's order differs; the record's length is then 4 + kPageSize (or
+// rec.len for an intent). 0 or -1.
 int metalog_read(bdb_handle *h, const LogScan &scan, const LogScan::Rec &rec, void *buf);
 // Starts the session of the database's first user, after any recovery: the
 // file as it stands (meta page image in file order, length in pages) is the
