@@ -171,9 +171,11 @@ int32_t first_fit(const uint32_t *map, uint32_t n) {
 
 // Takes the run [pg, pg + n): the file grows to hold it, then the meta
 // page's log point, then the map.
-int take_run(bdb_handle *h, uint32_t pg, uint32_t n, uint32_t *first) {
+// `extend`: the file grows here to hold the run; otherwise the caller's
+// write of the whole run makes it that long (write_data_run).
+int take_run(bdb_handle *h, uint32_t pg, uint32_t n, uint32_t *first, bool extend = true) {
     if (pg > *h->npages_ref) return report_damage(h, *h->npages_ref, "the allocation map marks pages past the end of the file");
-    if (pg + n > *h->npages_ref && bdb_extend(h, pg + n) < 0) return -1;
+    if (extend && pg + n > *h->npages_ref && bdb_extend(h, pg + n) < 0) return -1;
     if (bdb_update_meta(h) < 0) return -1;
     for (uint32_t i = 0; i < n; ++i) bits_setb(h->meta->pgmap, static_cast<int32_t>(pg + i));
     *first = pg;
@@ -210,6 +212,9 @@ extern "C" int bdb_alloc_dpages(bdb_handle *h, uint32_t n, uint32_t *first) {
 
 namespace varlo {
 
+// Long values up to this size are written from one staged copy.
+constexpr uint64_t kStagedRun = 64u << 10;
+
 // A long value is written straight to its run, so a run over pages that the
 // last sync left in use would have to wait for their images to reach the
 // meta log durably (one fsync each time). The run therefore goes first fit
@@ -222,17 +227,38 @@ int alloc_data_run(bdb_handle *h, uint32_t n, uint32_t *first) {
         uint32_t both[BDB_MAPWORDS];
         for (uint32_t w = 0; w < BDB_MAPWORDS; ++w) both[w] = h->meta->pgmap[w] | h->logmap[w];
         const int32_t start = first_fit(both, n);
-        if (start >= 0) return take_run(h, static_cast<uint32_t>(start), n, first);
+        if (start >= 0) return take_run(h, static_cast<uint32_t>(start), n, first, false);
     }
     return bdb_alloc_dpages(h, n, first);
 }
 
-// Writes a long value to its new run. The meta log takes what it needs
-// first (bdb_write_dpage); any bit still set then is cleared as for every
-// new page (nothing of it is left to log).
+// Writes a long value to its new run, whole pages (the bytes after the value
+// are zero): a run past the file's end is made part of the file by this
+// write rather than by growing the file first, and the page count follows
+// once the write is done. The meta log takes what it needs first
+// (bdb_write_dpage); any bit still set then is cleared as for every new page
+// (nothing of it is left to log).
 int write_data_run(bdb_handle *h, uint32_t first, const void *data, uint32_t len) {
-    if (bdb_write_dpage(h, first, data, len) < 0) return -1;
     const uint32_t n = run_pages(len);
+    const uint64_t whole = static_cast<uint64_t>(n) << kPageShift;
+    if (whole - len > 0 && whole <= kStagedRun) {
+        alignas(64) static thread_local uint8_t staged[kStagedRun];
+        std::memcpy(staged, data, len);
+        std::memset(staged + len, 0, whole - len);
+        if (bdb_write_dpage(h, first, staged, static_cast<uint32_t>(whole)) < 0) return -1;
+    } else {
+        if (bdb_write_dpage(h, first, data, len) < 0) return -1;
+        if (whole > len) {
+            // The rest of the last page, so that the file ends on a page.
+            static const uint8_t zeros[kPageSize] = {};
+            const uint64_t at = (static_cast<uint64_t>(first) << kPageShift) + len;
+            if (write_full(h->fd, zeros, whole - len, static_cast<off_t>(at)) < 0) {
+                fail(h, BDB_E_WRITE, "db write");
+                return -1;
+            }
+        }
+    }
+    if (first + n > *h->npages_ref) *h->npages_ref = first + n;
     for (uint32_t i = 0; i < n; ++i)
         if (bits_tstb(h->logmap, static_cast<int32_t>(first + i))) bits_clrb(h->logmap, static_cast<int32_t>(first + i));
     return 0;
