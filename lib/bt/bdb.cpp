@@ -321,9 +321,6 @@ bdb_handle *bdb_open(const char *path, int reserved, int flags, int mode, const 
             // another process holds it alone.
             return bdb_open_error(h, "Database already opened privately by another process", BDB_E_SHARE, err);
         }
-        // Page reads come from a read-only mapping of the file when the
-        // system gives one (a read call otherwise).
-        h->fmap = static_cast<const uint8_t *>(sysio.map(h->fd, kMapBytes, 0, false));
         struct stat st;
         if (sysio.fstat(h->fd, &st) < 0) return bdb_open_error(h, "db stat", BDB_E_IO, err);
         if (!S_ISREG(st.st_mode)) return bdb_open_error(h, "not a regular file", BDB_E_DBTYPE, err);
@@ -349,6 +346,12 @@ bdb_handle *bdb_open(const char *path, int reserved, int flags, int mode, const 
         if (end % kPageSize != 0 || end / kPageSize > BDB_MAXPAGES)
             return bdb_open_error(h, "db lseek end", BDB_E_DBSIZE, err);
         h->npages = static_cast<uint32_t>(end / kPageSize);
+        // Page reads come from a read-only mapping of the file when the
+        // system gives one (a read call otherwise). A thread group shares
+        // one mapping, as large as a file can be; other handles map what
+        // the file holds and some room beyond, and map again as it grows
+        // (growing a file walks every mapping of it past its old end).
+        map_file(h, h->thread_id ? BDB_MAXPAGES : h->npages);
         if (reads_meta) {
             *h->npages_ref = h->npages;
             if (recovered) {

@@ -366,6 +366,7 @@ struct bdb_handle {
     uint32_t walk_version;       /* the tree's version then */
     uint32_t changes;            /* tree version of a private handle without a meta log */
     const uint8_t *fmap;         /* read-only mapping of the file for page reads, NULL = none */
+    uint32_t fmap_pages;         /* pages it covers */
     char name_buf[4];            /* the name (and, private handles, more) runs on from here */
 };
 

@@ -27,7 +27,6 @@ static_assert(offsetof(bdb_meta, reserved4) == 16);
 static_assert(offsetof(bdb_meta, root) == 20);
 static_assert(offsetof(bdb_meta, pgmap) == 24);
 static_assert(24 + BDB_MAPWORDS * 4 == BDB_PGSIZE);
-static_assert(varlo::kMapBytes == static_cast<size_t>(BDB_MAXPAGES) * BDB_PGSIZE);
 static_assert(BDB_MAPWORDS * 32 == BDB_MAXPAGES);
 
 static_assert(sizeof(bdb_slot) == 24);
@@ -264,6 +263,10 @@ struct LogScan;
 // not begun). 0, or -1 with a code; applying again after a failure or a
 // crash gives the same result.
 int restore_last_sync(bdb_handle *h, const LogScan &scan);
+
+// The read-only mapping of a handle's file (h->fmap): pages of it, or none.
+void map_file(bdb_handle *h, uint32_t pages);
+void unmap_file(bdb_handle *h);
 
 // Clears the update mark of a cached page that a change held and did not
 // commit (so that the cache may take its record again).

@@ -608,15 +608,40 @@ extern "C" int bdb_write_dpage(bdb_handle *h, uint32_t pg, const void *src, uint
     return 0;
 }
 
+namespace varlo {
+
+// Room mapped past the file's end, in pages (64 MiB).
+constexpr uint32_t kMapRoom = 8192;
+
+void map_file(bdb_handle *h, uint32_t pages) {
+    if (h->fmap) sysio.unmap(const_cast<uint8_t *>(h->fmap), static_cast<size_t>(h->fmap_pages) << kPageShift);
+    const uint32_t want = std::min<uint32_t>(BDB_MAXPAGES, pages + kMapRoom);
+    h->fmap = static_cast<const uint8_t *>(sysio.map(h->fd, static_cast<size_t>(want) << kPageShift, 0, false));
+    h->fmap_pages = h->fmap ? want : 0;
+}
+
+void unmap_file(bdb_handle *h) {
+    if (h->fmap) sysio.unmap(const_cast<uint8_t *>(h->fmap), static_cast<size_t>(h->fmap_pages) << kPageShift);
+    h->fmap = nullptr;
+    h->fmap_pages = 0;
+}
+
+}  // namespace varlo
+
 // Reads come from the file's mapping when there is one and the pages lie
 // within the file as the page count knows it (kept exact under the database
 // mutex, so a page past the end is never touched), else from a read call.
+// A file grown past the mapping is mapped again (not a thread group's,
+// whose handles share one mapping of the largest file there can be).
 extern "C" int bdb_read_dpage(bdb_handle *h, uint32_t pg, void *dst, uint32_t n) {
     h->stats->page_reads++;
     const uint64_t end = (static_cast<uint64_t>(pg) << kPageShift) + n;
     if (h->fmap && end <= static_cast<uint64_t>(*h->npages_ref) << kPageShift && mapped_reads()) {
-        std::memcpy(dst, h->fmap + (static_cast<size_t>(pg) << kPageShift), n);
-        return 0;
+        if (end > static_cast<uint64_t>(h->fmap_pages) << kPageShift && !h->thread_id) map_file(h, *h->npages_ref);
+        if (h->fmap && end <= static_cast<uint64_t>(h->fmap_pages) << kPageShift) {
+            std::memcpy(dst, h->fmap + (static_cast<size_t>(pg) << kPageShift), n);
+            return 0;
+        }
     }
     if (read_full(h->fd, dst, n, static_cast<off_t>(pg) << kPageShift) < 0) {
         fail(h, BDB_E_READ, "db read");

@@ -461,8 +461,7 @@ int bdb_do_close(bdb_handle *h) {
     if (h->fd != -1) {
         rc = (h->flags & BDB_F_LOCKED) ? bdb_lock(h, BDB_UNLOCK, 3) : 0;
         metalog_close(h);
-        if (h->fmap) sysio.unmap(const_cast<uint8_t *>(h->fmap), kMapBytes);
-        h->fmap = nullptr;
+        unmap_file(h);
         if (sysio.close(h->fd) < 0) {
             h->error = BDB_E_IO;
             bdb_errlog(h, "db close");
@@ -504,6 +503,7 @@ int bdb_add_thread(bdb_hndl_entry *entry, bdb_handle *h) {
     const bdb_handle *first = entry->handles[0];
     h->fd = first->fd;
     h->fmap = first->fmap;
+    h->fmap_pages = first->fmap_pages;
     h->mlog = first->mlog;
     h->blksize = first->blksize;
     h->npages = first->npages;

@@ -37,9 +37,7 @@ void sysio_reset();
 
 // Page reads may come from a read-only mapping of the file instead of a
 // read call, but only while the seam's pread is the system's (a test that
-// replaces it sees every read). kMapBytes is the mapping's length: the
-// largest file there can be (pages past the file's end are never touched).
-inline constexpr size_t kMapBytes = static_cast<size_t>(65344) * 8192;
+// replaces it sees every read).
 bool mapped_reads();
 
 // Transfers of exactly n bytes at off, continued after EINTR and short
