@@ -304,7 +304,7 @@ bdb_handle *bdb_open(const char *path, int reserved, int flags, int mode, const 
             h->fd = sysio.open(path, (open_flags = oflag) | O_NONBLOCK, perm);
         if (h->fd < 0) return bdb_open_error(h, "open", errno == ETXTBSY ? BDB_E_SHARE : BDB_E_OPEN, err);
         struct stat kind;
-        if (::fstat(h->fd, &kind) < 0 || !S_ISREG(kind.st_mode) ||
+        if (sysio.fstat(h->fd, &kind) < 0 || !S_ISREG(kind.st_mode) ||
             ::fcntl(h->fd, F_SETFL, ::fcntl(h->fd, F_GETFL) & ~O_NONBLOCK) < 0)
             return bdb_open_error(h, "not a regular file", BDB_E_DBTYPE, err);
         if (mode == BDB_PRIVATE) {
@@ -323,7 +323,6 @@ bdb_handle *bdb_open(const char *path, int reserved, int flags, int mode, const 
         }
         struct stat st;
         if (sysio.fstat(h->fd, &st) < 0) return bdb_open_error(h, "db stat", BDB_E_IO, err);
-        if (!S_ISREG(st.st_mode)) return bdb_open_error(h, "not a regular file", BDB_E_DBTYPE, err);
         h->blksize = static_cast<uint32_t>(st.st_blksize);
         if (st.st_size < static_cast<off_t>(kPageSize)) return bdb_open_error(h, "meta size", BDB_E_DBTYPE, err);
         if (reads_meta && read_full(h->fd, h->meta, kPageSize, 0) < 0)

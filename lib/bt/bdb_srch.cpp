@@ -794,6 +794,23 @@ int next_after(bdb_handle *h, uint32_t pgno, int32_t mid, bdb_datum *key, bdb_da
     return hand_out(h, p, mid + 1, key, data, key);
 }
 
+// Binary search of a page's slots with order(slot) (the key looked for
+// against the slot's key). Found: lo <= hi and mid is the slot; not found:
+// lo = hi + 1, the key lies between slots hi and lo.
+template <typename Order>
+inline void binary_search(const bdb_page *p, int32_t &lo, int32_t &hi, int32_t &mid, Order order) {
+    while (lo <= hi) {
+        mid = (lo + hi) / 2;
+        const int c = order(p->slots[mid]);
+        if (c > 0)
+            lo = mid + 1;
+        else if (c < 0)
+            hi = mid - 1;
+        else
+            break;
+    }
+}
+
 int search(bdb_handle *h, bdb_datum *key, bdb_datum *data, int *op, uint32_t pgno, bdb_entry *promote) {
     if (pgno == 0) {
         if (*op == OP_PUT || *op == OP_REPLACE) {
@@ -812,31 +829,13 @@ int search(bdb_handle *h, bdb_datum *key, bdb_datum *data, int *op, uint32_t pgn
     if (cmp == bdb_dti_compare && key->ptr) {
         // The default order, compared in place (no call per probe).
         const auto *k = static_cast<const uint8_t *>(key->ptr);
-        const uint32_t klen = key->len;
         const uint8_t *base = page_bytes(p);
-        while (lo <= hi) {
-            mid = (lo + hi) / 2;
-            const bdb_slot &sl = p->slots[mid];
-            const int c = key_order(k, klen, base + sl.keyoff, sl.keylen);
-            if (c > 0)
-                lo = mid + 1;
-            else if (c < 0)
-                hi = mid - 1;
-            else
-                break;
-        }
+        binary_search(p, lo, hi, mid, [&](const bdb_slot &sl) { return key_order(k, key->len, base + sl.keyoff, sl.keylen); });
     } else {
-        while (lo <= hi) {
-            mid = (lo + hi) / 2;
-            bdb_datum stored = slot_key(p, mid);
-            int c = cmp(key, &stored);
-            if (c > 0)
-                lo = mid + 1;
-            else if (c < 0)
-                hi = mid - 1;
-            else
-                break;
-        }
+        binary_search(p, lo, hi, mid, [&](const bdb_slot &sl) {
+            bdb_datum stored{page_bytes(p) + sl.keyoff, sl.keylen};
+            return cmp(key, &stored);
+        });
     }
     if (lo <= hi) {
         switch (*op) {

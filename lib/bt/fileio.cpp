@@ -20,19 +20,7 @@ int sys_open(const char *path, int flags, mode_t mode) {
     return fd;
 }
 
-int sys_lock(int fd, short type) {
-    struct flock fl {};
-    fl.l_type = type;
-    fl.l_whence = SEEK_SET;
-    fl.l_start = 0;
-    fl.l_len = 8192;
-    fl.l_pid = 0;
-    int r;
-    do {
-        r = ::fcntl(fd, F_OFD_SETLK, &fl);
-    } while (r < 0 && errno == EINTR);
-    return r;
-}
+int sys_lock(int fd, int cmd, struct flock *fl) { return ::fcntl(fd, cmd, fl); }
 
 void *sys_map(int fd, size_t len, off_t off, bool writable) {
     void *p = ::mmap(nullptr, len, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, off);

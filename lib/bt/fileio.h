@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -23,9 +24,9 @@ struct SysIo {
     // Starts writing len bytes at off to the disk without waiting (a hint:
     // the fsync that follows finds less to do). 0 or -1.
     int (*start_writeback)(int fd, off_t off, off_t len);
-    // Record lock of bytes 0 to 8191 of the open file description, taken
-    // without waiting: F_RDLCK, F_WRLCK or F_UNLCK.
-    int (*lock)(int fd, short type);
+    // A record-lock call on the open file description (fcntl with
+    // F_OFD_SETLK, which never waits, or F_OFD_GETLK).
+    int (*lock)(int fd, int cmd, struct flock *fl);
     // A shared read-write (or read-only) mapping of len bytes at off; null
     // on failure.
     void *(*map)(int fd, size_t len, off_t off, bool writable);

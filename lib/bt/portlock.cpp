@@ -17,23 +17,15 @@
 #include <cerrno>
 #include <fcntl.h>
 
-
 #include "bdb_int.h"
 
 using namespace varlo;
 
 namespace {
 
-int set_lock(int fd, short type) { return sysio.lock(fd, type); }
-
-// Two bytes past the largest possible file mark the two kinds of user that
-// must not meet although each shares the meta page lock with its own kind:
-// private read-only handles and shared-mode handles that may write. They are
-// locked here directly (the file I/O seam covers the meta page lock).
-constexpr off_t kWriterMark = static_cast<off_t>(BDB_MAXPAGES) * BDB_PGSIZE;
-constexpr off_t kReaderMark = kWriterMark + 1;
-
-int mark_lock(int fd, short type, off_t start, off_t len) {
+// One record-lock call through the file I/O seam, continued after EINTR;
+// *held (F_OFD_GETLK) receives the type of a lock another file holds there.
+int lock_range(int fd, int cmd, short type, off_t start, off_t len, short *held = nullptr) {
     struct flock fl {};
     fl.l_type = type;
     fl.l_whence = SEEK_SET;
@@ -42,20 +34,26 @@ int mark_lock(int fd, short type, off_t start, off_t len) {
     fl.l_pid = 0;
     int r;
     do {
-        r = ::fcntl(fd, F_OFD_SETLK, &fl);
+        r = sysio.lock(fd, cmd, &fl);
     } while (r < 0 && errno == EINTR);
+    if (held) *held = fl.l_type;
     return r;
 }
 
+int set_lock(int fd, short type) { return lock_range(fd, F_OFD_SETLK, type, 0, BDB_PGSIZE); }
+
+// Two bytes past the largest possible file mark the two kinds of user that
+// must not meet although each shares the meta page lock with its own kind:
+// private read-only handles and shared-mode handles that may write.
+constexpr off_t kWriterMark = static_cast<off_t>(BDB_MAXPAGES) * BDB_PGSIZE;
+constexpr off_t kReaderMark = kWriterMark + 1;
+
+int mark_lock(int fd, short type, off_t at) { return lock_range(fd, F_OFD_SETLK, type, at, 1); }
+
 // Does another open file hold any lock on the byte?
 bool byte_held(int fd, off_t at) {
-    struct flock fl {};
-    fl.l_type = F_WRLCK;
-    fl.l_whence = SEEK_SET;
-    fl.l_start = at;
-    fl.l_len = 1;
-    fl.l_pid = 0;
-    return ::fcntl(fd, F_OFD_GETLK, &fl) < 0 || fl.l_type != F_UNLCK;
+    short held = F_UNLCK;
+    return lock_range(fd, F_OFD_GETLK, F_WRLCK, at, 1, &held) < 0 || held != F_UNLCK;
 }
 
 }  // namespace
@@ -67,9 +65,9 @@ namespace varlo {
 // kinds never hold the file together (both may fail, which is safe).
 int lock_role(int fd, bool private_reader) {
     const off_t own = private_reader ? kReaderMark : kWriterMark;
-    if (mark_lock(fd, F_RDLCK, own, 1) < 0) return -1;
+    if (mark_lock(fd, F_RDLCK, own) < 0) return -1;
     if (!byte_held(fd, private_reader ? kWriterMark : kReaderMark)) return 0;
-    mark_lock(fd, F_UNLCK, own, 1);
+    mark_lock(fd, F_UNLCK, own);
     return -1;
 }
 
@@ -108,7 +106,7 @@ extern "C" int btree_lockf(bdb_handle *h, int op, int kind) {
         h->error = BDB_E_NOTLOCKED;
         return -1;
     }
-    if (mark_lock(h->fd, F_UNLCK, kWriterMark, 2) < 0 || set_lock(h->fd, F_UNLCK) < 0) {
+    if (lock_range(h->fd, F_OFD_SETLK, F_UNLCK, kWriterMark, 2) < 0 || set_lock(h->fd, F_UNLCK) < 0) {
         h->error = BDB_E_IO;
         return -1;
     }
