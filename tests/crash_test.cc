@@ -380,7 +380,7 @@ TEST_P(Kill, AtRandomMomentsKeepsTheLastSyncOrTheNext) {
         mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(synced, MAP_FAILED);
     std::mt19937 rng(static_cast<uint32_t>(mode));
-    const long runs = 75 * vt::env_long("VARLO_SOAK", 1);
+    const long runs = 150 * vt::env_long("VARLO_SOAK", 1);
     long span_us = 0;
     for (long run = 0; run < runs; ++run) {
         spill(db, base_db);
