@@ -103,6 +103,7 @@ bench: deps
 	cmake --build $(RELEASE) -j$(JOBS) --target varlo_bench varlo_bench_nolog
 	@./$(RELEASE)/bench/varlo_bench_nolog $(BENCH_ARGS) --csv=$(RELEASE)/nolog.csv >$(RELEASE)/nolog.txt || \
 	  { cat $(RELEASE)/nolog.txt; exit 1; }
+	@sync; sleep 10  # the first run's files are written out and their blocks given back before the second
 	./$(RELEASE)/bench/varlo_bench $(BENCH_ARGS) --baseline=$(RELEASE)/nolog.csv
 
 # varlo next to LMDB, LevelDB, Berkeley DB, SQLite, gdbm and Kyoto Cabinet
