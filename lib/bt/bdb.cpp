@@ -115,17 +115,14 @@ int record_call(bdb_handle *h, bdb_datum *key, bdb_datum *data, int op, bool cha
     }
     bdb_datum dropped{};
     if (op == OP_GET && !data) data = &dropped;
-    MutexHold hold(h);
-    if (hold.status() < 0) return hold.status();
-    h->stats->*counter += 1;
-    int rc = bdb_search(h, key, data, op);
-    if (data == &dropped && rc == 0) {
+    return under_mutex(h, [&] {
+        h->stats->*counter += 1;
+        const int rc = bdb_search(h, key, data, op);
+        if (data != &dropped || rc != 0) return rc;
         std::free(dropped.ptr);
         h->error = BDB_E_PARAM;
-        rc = -1;
-    }
-    int r = hold.release();
-    return r < 0 ? r : rc;
+        return -1;
+    });
 }
 
 }  // namespace
@@ -534,15 +531,11 @@ int bdb_lock(bdb_handle *h, int op, int kind) {
         fail(h, BDB_E_PARAM, "Invalid lock operation");
         return -1;
     }
-    MutexHold hold(h);
-    if (hold.status() < 0) return hold.status();
-    int rc = 0;
-    if (btree_lockf(h, op, kind) < 0) {
+    return under_mutex(h, [&] {
+        if (btree_lockf(h, op, kind) == 0) return 0;
         fail(h, BDB_E_IO, op == BDB_LOCK ? "db lock" : "db unlock");
-        rc = -1;
-    }
-    int r = hold.release();
-    return r < 0 ? r : rc;
+        return -1;
+    });
 }
 
 int bdb_sync(bdb_handle *h) {
@@ -550,11 +543,7 @@ int bdb_sync(bdb_handle *h) {
         errno = EINVAL;
         return -1;
     }
-    MutexHold hold(h);
-    if (hold.status() < 0) return hold.status();
-    int rc = bdb_do_sync(h);
-    int r = hold.release();
-    return r < 0 ? r : rc;
+    return under_mutex(h, [h] { return bdb_do_sync(h); });
 }
 
 // With a meta log the sync is crash-safe: the log is made durable, the pages
@@ -571,32 +560,22 @@ int bdb_do_sync(bdb_handle *h) {
         h->error = BDB_E_RDONLY;
         return -1;
     }
-    MutexHold hold(h);
-    if (hold.status() < 0) return hold.status();
-    int rc = area_check(h);
-    if (rc == 0) {
+    return under_mutex(h, [h] {
+        if (area_check(h) < 0) return -1;
         ChangeMark mark(h);
         const uint32_t pages = pages_to_keep(h);
         alignas(8) uint8_t image[kPageSize];
         meta_file_image(h, image);
         const bool meta_written = *h->state_ref & BDB_METADIRTY;
-        if (metalog_records(h) && metalog_intent(h, image, pages) < 0) {
-            rc = -1;
-        } else if (bdb_force_cache(h) < 0) {
-            rc = -1;
-        } else if (metalog_active(h) && metalog_commit(h, meta_written ? image : nullptr, pages) < 0) {
-            rc = -1;
-        } else {
-            refresh_logmap(h);
-            *h->npages_ref = pages;
-            if (sysio.ftruncate(h->fd, static_cast<off_t>(pages) << kPageShift) < 0) {
-                bdb_errlog(h, "db sync truncate");
-                rc = -1;
-            }
-        }
-    }
-    int r = hold.release();
-    return r < 0 ? r : rc;
+        if (metalog_records(h) && metalog_intent(h, image, pages) < 0) return -1;
+        if (bdb_force_cache(h) < 0) return -1;
+        if (metalog_active(h) && metalog_commit(h, meta_written ? image : nullptr, pages) < 0) return -1;
+        refresh_logmap(h);
+        *h->npages_ref = pages;
+        if (sysio.ftruncate(h->fd, static_cast<off_t>(pages) << kPageShift) == 0) return 0;
+        bdb_errlog(h, "db sync truncate");
+        return -1;
+    });
 }
 
 int bdb_transaction(bdb_handle *h, int op) {

@@ -26,15 +26,13 @@ using namespace varlo;
 
 namespace {
 
-// Every page takes at least two records (3071 in-page bytes at most each),
-// so 65344 pages never need more than 11 levels.
-constexpr size_t kMaxLevels = 32;
-
 class Builder {
 public:
     // Throws std::bad_alloc; nothing else does, so an undo never misses.
     explicit Builder(bdb_handle *h) : h_(h), map0_(h->meta->pgmap, h->meta->pgmap + BDB_MAPWORDS) {
-        open_.reserve(kMaxLevels);
+        // Every page takes at least two records (3071 in-page bytes at most
+        // each), so 65344 pages never need more than 11 levels.
+        open_.reserve(kMaxDepth);
     }
 
     // Stores one record; 0, or -1 with the code in the handle.
@@ -49,7 +47,7 @@ public:
         if (open_[0] == 0 && make(0) < 0) return -1;
         bdb_entry e{key.ptr, key.len, data.ptr, data.len, 0, 0};
         for (size_t level = 0;; ++level) {
-            if (level == kMaxLevels) {
+            if (level == kMaxDepth) {
                 h_->error = BDB_E_FULL;
                 return -1;
             }
@@ -147,14 +145,13 @@ extern "C" int bdb_bulk_load(bdb_handle *h, bdb_bulk_next_fn next, void *ctx) {
         h->error = BDB_E_RDONLY;
         return -1;
     }
-    MutexHold hold(h);
-    if (hold.status() < 0) return hold.status();
-    int rc = 0;
-    if (!next || h->meta->root != 0) {
-        errno = 0;
-        fail(h, BDB_E_PARAM, next ? "bulk load into a database that holds records" : "bulk load without a source");
-        rc = -1;
-    } else {
+    return under_mutex(h, [&] {
+        if (!next || h->meta->root != 0) {
+            errno = 0;
+            fail(h, BDB_E_PARAM, next ? "bulk load into a database that holds records" : "bulk load without a source");
+            return -1;
+        }
+        int rc = 0;
         try {
             Builder b(h);
             for (;;) {
@@ -174,7 +171,6 @@ extern "C" int bdb_bulk_load(bdb_handle *h, bdb_bulk_next_fn next, void *ctx) {
             h->error = BDB_E_NOMEM;
             rc = -1;
         }
-    }
-    int r = hold.release();
-    return r < 0 ? r : rc;
+        return rc;
+    });
 }

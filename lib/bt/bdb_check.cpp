@@ -20,8 +20,6 @@ using namespace varlo;
 
 namespace {
 
-constexpr int kMaxDepth = 64;
-
 struct Bound {
     const uint8_t *ptr = nullptr;
     uint32_t len = 0;
@@ -160,20 +158,16 @@ extern "C" int bdb_check(bdb_handle *h) {
         errno = EINVAL;
         return -1;
     }
-    MutexHold hold(h);
-    if (hold.status() < 0) return hold.status();
-    // A shared area left half changed by a process that died is put back to
-    // its last sync first: the check never sees those pages.
-    int rc = area_check(h);
-    if (rc == 0) {
+    return under_mutex(h, [h] {
+        // A shared area left half changed by a process that died is put back
+        // to its last sync first: the check never sees those pages.
+        if (area_check(h) < 0) return -1;
         try {
             Checker ck(h, true);
-            rc = ck.run() ? 0 : -1;
+            return ck.run() ? 0 : -1;
         } catch (...) {
             h->error = BDB_E_NOMEM;
-            rc = -1;
+            return -1;
         }
-    }
-    int r = hold.release();
-    return r < 0 ? r : rc;
+    });
 }

@@ -6,6 +6,7 @@
 #ifndef VARLO_BDB_INT_H
 #define VARLO_BDB_INT_H
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -128,6 +129,12 @@ enum : int {
 };
 inline constexpr int32_t BAL_EMPTY = 8192;
 
+// The deepest a tree can be: it grows a level only when its root splits, so
+// even a full file stays far below this. A walk that goes deeper follows a
+// cycle or a runaway chain of child links in a damaged file and stops there
+// with an error (the engine, bdb_parse_tree, bdb_check, the bulk loader).
+inline constexpr int kMaxDepth = 64;
+
 // ---------------------------------------------------------------------------
 // Small page helpers
 // ---------------------------------------------------------------------------
@@ -135,6 +142,25 @@ inline constexpr int32_t BAL_EMPTY = 8192;
 inline uint8_t *page_bytes(bdb_page *p) { return reinterpret_cast<uint8_t *>(p); }
 inline const uint8_t *page_bytes(const bdb_page *p) { return reinterpret_cast<const uint8_t *>(p); }
 inline bool slot_is_long(const bdb_slot &s) { return (s.flags & BDB_DPAGES) != 0; }
+
+// The room rule of a tree page: slots and entry bytes of `used` bytes in all
+// fit a page when the 20-byte header and one spare slot fit beside them (44
+// bytes: a page is never filled to its last slot). page_room is what a page
+// has left under the rule (negative: nothing), so an entry of n in-page
+// bytes fits when n + 24 <= page_room. Rebalancing asks for one byte more
+// than an insert: what it moves or merges must leave a byte beyond the rule.
+inline constexpr uint32_t kPageReserve = kHeaderSize + kSlotSize;
+constexpr bool fits_page(int64_t used) { return used + kPageReserve <= kPageSize; }
+constexpr bool fits_page_balanced(int64_t used) { return used + kPageReserve < kPageSize; }
+inline int64_t page_room(const bdb_page *p) {
+    return static_cast<int64_t>(p->datastart) - kPageReserve - static_cast<int64_t>(kSlotSize) * p->nslots;
+}
+// The physical bound, which no page may break whatever the rule: the slot
+// array with `more` slots added ends at or below datastart less `bytes`.
+inline bool slots_fit(const bdb_page *p, uint32_t more, uint64_t bytes) {
+    const uint64_t head = kHeaderSize + static_cast<uint64_t>(kSlotSize) * (p->nslots + more);
+    return p->datastart >= head && p->datastart - head >= bytes;
+}
 inline uint32_t run_pages(uint32_t datalen) {
     return static_cast<uint32_t>((static_cast<uint64_t>(datalen) + kPageSize - 1) >> kPageShift);
 }
@@ -204,6 +230,18 @@ void report_nohandle(bdb_errhandler_fn fn, const char *path, uint32_t code, cons
 int take_mutex(bdb_handle *h);
 int give_mutex(bdb_handle *h);
 
+// Debug builds (NDEBUG not defined) assert the rules stated above where the
+// check is cheap: a handle with the library's mutex slots is held by the
+// calling thread when page storage or the engine runs on it (a handle
+// without slots is one thread's by contract). The engine asserts that a
+// change journal is active when it takes a page for a change.
+#ifndef NDEBUG
+bool mutex_held_here(const bdb_handle *h);
+#define VARLO_REQUIRES_MUTEX(h) assert(varlo::mutex_held_here(h))
+#else
+#define VARLO_REQUIRES_MUTEX(h) ((void)0)
+#endif
+
 // Holds the database mutex of a handle for a scope, reporting "Failed to
 // lock mutex" / "Failed to unlock mutex" as every exported call does.
 class MutexHold {
@@ -222,6 +260,20 @@ private:
     int status_ = 0;
     bool held_ = false;
 };
+
+// "Take the mutex, run, release, merge the results", as every exported call
+// that works on the database does: the take's negative result when the mutex
+// cannot be had; else body's result (0, or -1 with the code set), unless the
+// release fails, whose negative result then stands in for it (what body
+// handed to the caller stays the caller's).
+template <typename Body>
+int under_mutex(bdb_handle *h, Body body) {
+    MutexHold hold(h);
+    if (hold.status() < 0) return hold.status();
+    const int rc = body();
+    const int r = hold.release();
+    return r < 0 ? r : rc;
+}
 
 // Marks a change (or a sync) under way on an area for the scope, so that a
 // process that dies during it is noticed by the next holder of the mutex.

@@ -302,8 +302,7 @@ namespace varlo {
 
 const char *page_fault(const bdb_page *p, uint32_t npages) {
     const uint32_t n = p->nslots;
-    if (n > (kPageSize - kHeaderSize) / kSlotSize || p->datastart > kPageSize ||
-        p->datastart < kHeaderSize + kSlotSize * n)
+    if (n > (kPageSize - kHeaderSize) / kSlotSize || p->datastart > kPageSize || !slots_fit(p, 0, 0))
         return "slot array and entry area overlap";
     if (p->leftpg >= npages) return "child page past the end of the file";
     // Entry i's bytes end where entry i-1's begin (8192 for slot 0).
@@ -435,6 +434,7 @@ extern "C" void *bdb_cache_pg(bdb_handle *h, uint32_t pg) {
 // ---------------------------------------------------------------------------
 
 extern "C" bdb_page *bdb_get_dpage(bdb_handle *h, uint32_t pg, int flags) {
+    VARLO_REQUIRES_MUTEX(h);
     // A reference past the end of the file is damage, not a short read.
     if (pg >= *h->npages_ref && pg != 0) {
         report_damage(h, pg, "page past the end of the file");
@@ -471,6 +471,7 @@ extern "C" bdb_page *bdb_get_dpage(bdb_handle *h, uint32_t pg, int flags) {
 }
 
 extern "C" bdb_page *bdb_new_dpage(bdb_handle *h) {
+    VARLO_REQUIRES_MUTEX(h);
     uint32_t pg = 0;
     if (bdb_alloc_dpages(h, 1, &pg) < 0) return nullptr;
     // A page in use at the last sync, freed and taken again since, still
@@ -538,6 +539,7 @@ extern "C" int bdb_inval_cache_pg(bdb_handle *h, uint32_t pg) {
 // The meta page's log point can fail (its image cannot be written to the
 // meta log): -1 then, and the caller must not change the meta page.
 extern "C" int bdb_update_meta(bdb_handle *h) {
+    VARLO_REQUIRES_MUTEX(h);
     if (bits_tstb(h->logmap, 0)) {
         if (metalog_active(h) && metalog_log_meta(h) < 0) return -1;
         bits_clrb(h->logmap, 0);

@@ -118,19 +118,13 @@ inline void shift_slot(bdb_slot &s, int64_t delta) {
     if (!slot_is_long(s)) s.dataref = static_cast<uint32_t>(s.dataref + delta);
 }
 
-// Room in a page for `slots` more slots and `bytes` more entry bytes.
-inline bool has_room(const bdb_page *p, uint32_t slots, uint32_t bytes) {
-    uint64_t head = kHeaderSize + static_cast<uint64_t>(kSlotSize) * (p->nslots + slots);
-    return p->datastart >= head && p->datastart - head >= bytes;
-}
-
 // Appends src's entries [from, to) to the end of dst: their bytes in one block
 // below dst's, their slots after dst's.
 bool append_block(bdb_page *dst, const bdb_page *src, uint32_t from, uint32_t to) {
     if (from >= to) return true;
     const uint32_t s0 = src->slots[to - 1].keyoff, e0 = entry_end(src, from);
     const uint32_t b = e0 - s0, cnt = to - from;
-    if (!has_room(dst, cnt, b)) return false;
+    if (!slots_fit(dst, cnt, b)) return false;
     const uint32_t d = dst->datastart;
     std::memcpy(page_bytes(dst) + d - b, page_bytes(src) + s0, b);
     const int64_t delta = static_cast<int64_t>(d) - e0;
@@ -148,7 +142,7 @@ bool prepend_block(bdb_page *dst, const bdb_page *src, uint32_t from, uint32_t t
     if (from >= to) return true;
     const uint32_t s0 = src->slots[to - 1].keyoff, e0 = entry_end(src, from);
     const uint32_t b = e0 - s0, cnt = to - from;
-    if (!has_room(dst, cnt, b)) return false;
+    if (!slots_fit(dst, cnt, b)) return false;
     uint8_t *db = page_bytes(dst);
     const uint32_t d = dst->datastart;
     std::memmove(db + d - b, db + d, kPageSize - d);
@@ -200,9 +194,15 @@ inline uint32_t esize(const bdb_page *p, int32_t i) { return bdb_key_data_size(p
 // ---------------------------------------------------------------------------
 
 inline bdb_page *read_page(bdb_handle *h, uint32_t pg) { return bdb_get_dpage(h, pg, 0); }
-inline bdb_page *change_page(bdb_handle *h, uint32_t pg) { return bdb_get_dpage(h, pg, BDB_FORUPDATE); }
+inline bdb_page *change_page(bdb_handle *h, uint32_t pg) {
+    assert(journal_of(h));
+    return bdb_get_dpage(h, pg, BDB_FORUPDATE);
+}
 // For a change of one page that the engine notes itself (no page image).
-inline bdb_page *note_page(bdb_handle *h, uint32_t pg) { return bdb_get_dpage(h, pg, BDB_FORUPDATE | kNoImage); }
+inline bdb_page *note_page(bdb_handle *h, uint32_t pg) {
+    assert(journal_of(h));
+    return bdb_get_dpage(h, pg, BDB_FORUPDATE | kNoImage);
+}
 // Takes the page's image after all (the change goes further than a note).
 inline bool keep_image(bdb_handle *h, const bdb_page *p) { return journal_page_touched(h, p, false); }
 
@@ -210,10 +210,6 @@ inline bool keep_image(bdb_handle *h, const bdb_page *p) { return journal_page_t
 inline bool commit(bdb_handle *h, bdb_page *p, uint32_t pg) { return p->pgno == pg && bdb_update_dpage(h, p) == 0; }
 
 inline bool is_empty_page(const bdb_page *p) { return p->nslots == 0 && p->leftpg == 0; }
-
-// A tree deeper than this is damaged (a cycle of child pointers): the
-// recursion stops there with an error instead of running off the stack.
-constexpr int kMaxLevels = 100;
 
 int too_deep(bdb_handle *h) {
     report_damage(h, h->meta->root, "tree too deep: damaged child links");
@@ -272,7 +268,7 @@ int next_in_place(bdb_handle *h, bdb_datum *key, bdb_datum *data) {
 // is entry 0 of this page; a subtree with no record at all gives SR_END.
 int first(bdb_handle *h, bdb_datum *key, bdb_datum *data, uint32_t pg, int level = 0,
           const bdb_datum *after = nullptr) {
-    if (level > kMaxLevels) return too_deep(h);
+    if (level > kMaxDepth) return too_deep(h);
     bdb_page *p = read_page(h, pg);
     if (!p) return SR_NOPAGE;
     if (p->leftpg) {
@@ -302,7 +298,7 @@ bool cut_leaves_room(const bdb_page *pg, int32_t p, int32_t s, const bdb_entry *
     } else {
         return true;
     }
-    return ns + 24 + bytes + 44 + 24 * count <= kPageSize;
+    return fits_page(ns + kSlotSize + bytes + kSlotSize * count);
 }
 
 // Inserts entry after position p of page pgno, splitting the page when it is
@@ -440,14 +436,14 @@ int32_t balance(bdb_handle *h, uint32_t ppg, uint32_t *lpg, uint32_t *rpg, int32
     const int32_t Rn = static_cast<int32_t>(R->nslots);
     if (!(L = read_page(h, *lpg))) return -1;  // R's fetch may have taken L's buffer
 
-    if (Lu + Ru + s + 44 <= 8191) return last ? Ln : Rn;
+    if (fits_page_balanced(Lu + Ru + s)) return last ? Ln : Rn;
 
     const int32_t e = (Ln == 0 || Rn == 0) ? 1 : 0;
     const int64_t half = (Lu + Ru) / 2;
-    const int64_t Pp = Pu + 44 - sep_in;
+    const int64_t Pp = Pu - sep_in;  // the parent without the separator's bytes
     int32_t result;
     if (!last) {
-        if (Lu > 4095) return 0;
+        if (Lu >= kPageSize / 2) return 0;
         if (Rn == 0) return 0;
         if (!(R = read_page(h, *rpg))) return -1;
         int64_t gain = s, loss = esize(R, 0);
@@ -455,33 +451,33 @@ int32_t balance(bdb_handle *h, uint32_t ppg, uint32_t *lpg, uint32_t *rpg, int32
         while (k < Rn && Lu + gain < half && Ru - loss >= half) {
             gain += esize(R, k - 1);
             loss += esize(R, k);
-            if (bdb_key_data_size(R, k) + Pp <= 8191) best = k;
+            if (fits_page_balanced(bdb_key_data_size(R, k) + Pp)) best = k;
             ++k;
         }
         if (best > 0)
             result = best + 1;
         else if (k == 1)
-            result = bdb_key_data_size(R, 0) + Pp <= 8191 ? 1 : e * BAL_EMPTY;
+            result = fits_page_balanced(bdb_key_data_size(R, 0) + Pp) ? 1 : e * BAL_EMPTY;
         else
             result = e * BAL_EMPTY;
         // A one-entry neighbour whose merge does not fit would be answered
         // with a merge: nothing is done instead.
         if (result != BAL_EMPTY && result >= Rn) result = 0;
     } else {
-        if (Ru > 4095) return 0;
+        if (Ru >= kPageSize / 2) return 0;
         if (Ln == 0) return 0;
         int64_t gain = s, loss = esize(L, Ln - 1);
         int32_t best = 0, k = 1;
         while (k < Ln && Ru + gain < half && Lu - loss >= half) {
             gain += esize(L, Ln - k);
             loss += esize(L, Ln - k - 1);
-            if (bdb_key_data_size(L, Ln - k - 1) + Pp <= 8191) best = k;
+            if (fits_page_balanced(bdb_key_data_size(L, Ln - k - 1) + Pp)) best = k;
             ++k;
         }
         if (best > 0)
             result = best + 1;
         else if (k == 1)
-            result = bdb_key_data_size(L, Ln - 1) + Pp <= 8191 ? 1 : e * BAL_EMPTY;
+            result = fits_page_balanced(bdb_key_data_size(L, Ln - 1) + Pp) ? 1 : e * BAL_EMPTY;
         else
             result = e * BAL_EMPTY;
         if (result != BAL_EMPTY && result >= Ln) result = 0;
@@ -602,7 +598,7 @@ int set_child(bdb_handle *h, uint32_t ppg, int32_t c, uint32_t child) {
 // any record is released (SR_EMPTYSUB) for the caller to unlink.
 int deletekey(bdb_handle *h, uint32_t tpg, uint32_t ypg, int32_t i, bdb_entry *promote, bdb_datum *data,
               int level = 0) {
-    if (level > kMaxLevels) return too_deep(h);
+    if (level > kMaxDepth) return too_deep(h);
     bdb_page *Y = read_page(h, ypg);
     if (!Y) return SR_NOPAGE;
     int32_t l = static_cast<int32_t>(Y->nslots) - 1;
@@ -820,7 +816,7 @@ int search(bdb_handle *h, bdb_datum *key, bdb_datum *data, int *op, uint32_t pgn
         }
         return SR_NOTFOUND;
     }
-    if (++h->stats->depth > static_cast<uint32_t>(kMaxLevels)) return too_deep(h);
+    if (++h->stats->depth > static_cast<uint32_t>(kMaxDepth)) return too_deep(h);
     bdb_page *p = read_page(h, pgno);
     if (!p) return SR_NOPAGE;
 
@@ -918,6 +914,7 @@ bool is_change(int op) {
 // ---------------------------------------------------------------------------
 
 extern "C" int bdb_search(bdb_handle *h, bdb_datum *key, bdb_datum *data, int op) {
+    VARLO_REQUIRES_MUTEX(h);
     h->stats->depth = 0;
     if (area_check(h) < 0) return -1;
     if ((op == OP_PUT || op == OP_REPLACE || op == OP_UPDATE || op == OP_REMOVE) &&

@@ -54,18 +54,18 @@ extern "C" void bdb_swap(void *addr, uint32_t len) {
 // A damaged nslots is clamped to the page so that the conversion never runs
 // past the buffer; the integrity check reports such a page.
 static uint32_t swap_span(uint32_t nslots) {
-    uint64_t span = 44ull + 24ull * nslots;
+    uint64_t span = kPageReserve + static_cast<uint64_t>(kSlotSize) * nslots;
     return span > kPageSize ? kPageSize : static_cast<uint32_t>(span);
 }
 
 extern "C" void bdb_pgswap(void *page, int dir) {
     auto *p = static_cast<uint8_t *>(page);
     if (dir == 0) {
-        bdb_swap(p, 44);
+        bdb_swap(p, kPageReserve);
         uint32_t n;
         std::memcpy(&n, p + 16, 4);
         uint32_t span = swap_span(n);
-        bdb_swap(p + 44, span - 44);
+        bdb_swap(p + kPageReserve, span - kPageReserve);
     } else {
         uint32_t n;
         std::memcpy(&n, p + 16, 4);
@@ -324,9 +324,8 @@ extern "C" int bdb_insdatum(bdb_handle *h, bdb_page *page, int32_t pos, bdb_entr
 
     // The slot array and the entry must fit below datastart whatever the
     // caller checked: a page is never overwritten past its free space.
-    uint32_t slots_end = kHeaderSize + kSlotSize * (c + 1);
-    if (pos < -1 || pos >= static_cast<int32_t>(c) || page->datastart < slots_end ||
-        page->datastart - slots_end < s || e->keylen == 0 || e->keylen > BDB_MAXKEY) {
+    if (pos < -1 || pos >= static_cast<int32_t>(c) || !slots_fit(page, 1, s) || e->keylen == 0 ||
+        e->keylen > BDB_MAXKEY) {
         h->error = BDB_E_PARAM;
         entry_release(e);
         return -1;
@@ -451,11 +450,7 @@ extern "C" int bdb_del_dpages(bdb_handle *h, uint32_t first, uint32_t n) {
 }
 
 extern "C" int bdb_data_fits(const bdb_page *page, const bdb_entry *e) {
-    uint64_t need = entry_size(*e);
-    uint64_t used = 44ull + 24ull * page->nslots;
-    if (page->datastart < used) return 0;
-    uint64_t free_bytes = page->datastart - used;
-    return need + 24 <= free_bytes ? 1 : 0;
+    return entry_size(*e) + kSlotSize <= page_room(page) ? 1 : 0;
 }
 
 extern "C" uint32_t bdb_key_data_size(const bdb_page *page, int32_t idx) {
@@ -564,7 +559,7 @@ namespace {
 // child pointers in a damaged file ends with an error.
 int walk(bdb_handle *h, uint32_t pgno, bdb_visit_fn visit, int mode, int32_t depth, int level) {
     if (pgno == 0) return 0;
-    if (level > 100) {
+    if (level > kMaxDepth) {
         fail(h, BDB_E_DBTYPE, "tree too deep: damaged child links");
         return -1;
     }

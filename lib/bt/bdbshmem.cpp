@@ -83,6 +83,27 @@ void sem_taken() {}
 void sem_giving_up() {}
 #endif
 
+// The registry's lists (its entries, an entry's handles) are reallocated in
+// steps of five: an add that finds n, a multiple of five, in use and a remove
+// that leaves n, a multiple of five (but not 0, which frees the list), put
+// the first n elements into a fresh block with room for n + 5. False when
+// memory runs out: the list is left as it was.
+template <typename T>
+bool relist(T *&list, uint32_t n, bool adding) {
+    if (n % 5 != 0) return true;
+    if (n == 0 && !adding) {
+        std::free(list);
+        list = nullptr;
+        return true;
+    }
+    T *fresh = static_cast<T *>(std::calloc(n + 5, sizeof(T)));
+    if (!fresh) return false;
+    if (n) std::memcpy(fresh, list, n * sizeof(T));
+    std::free(list);
+    list = fresh;
+    return true;
+}
+
 void release_if_held(bdb_handle *h, int (*release)(bdb_handle *, int)) {
     if (load_hold(h) != 0) {
         store_hold(h, 1);
@@ -110,6 +131,13 @@ uint32_t (*bdb_thread_self)(void) = unix_thread_self;
 // ---------------------------------------------------------------------------
 
 namespace varlo {
+
+#ifndef NDEBUG
+bool mutex_held_here(const bdb_handle *h) {
+    if (h->wait != bdb_wait_shared_mutex && h->wait != bdb_wait_private_mutex) return true;
+    return load_owner(h) == bdb_thread_self() && load_hold(h) > 0;
+}
+#endif
 
 void bdb_mapsemerror(bdb_handle *h) {
     switch (errno) {
@@ -483,16 +511,10 @@ int bdb_do_close(bdb_handle *h) {
 }
 
 int bdb_add_thread(bdb_hndl_entry *entry, bdb_handle *h) {
-    if (entry->nhandles % 5 == 0) {
-        auto **list = static_cast<bdb_handle **>(std::calloc(entry->nhandles + 5, sizeof(bdb_handle *)));
-        if (!list) {
-            h->error = BDB_E_NOMEM;
-            bdb_errlog(h, "Adding thread to handle array");
-            return -1;
-        }
-        if (entry->nhandles) std::memcpy(list, entry->handles, entry->nhandles * sizeof(bdb_handle *));
-        std::free(entry->handles);
-        entry->handles = list;
+    if (!relist(entry->handles, entry->nhandles, true)) {
+        h->error = BDB_E_NOMEM;
+        bdb_errlog(h, "Adding thread to handle array");
+        return -1;
     }
     entry->handles[entry->nhandles++] = h;
     if (entry->nhandles == 1) {
@@ -531,21 +553,10 @@ int bdb_remove_thread(bdb_hndl_entry *entry, bdb_handle *h) {
         h->flags &= ~BDB_F_FILE_SHARED;
         bdb_do_close(h);
     }
-    if (entry->nhandles % 5 != 0) return 0;
-    if (entry->nhandles == 0) {
-        std::free(entry->handles);
-        entry->handles = nullptr;
-        return 0;
-    }
-    auto **list = static_cast<bdb_handle **>(std::calloc(entry->nhandles + 5, sizeof(bdb_handle *)));
-    if (!list) {
+    if (!relist(entry->handles, entry->nhandles, false)) {
         h->error = BDB_E_NOMEM;
         bdb_errlog(h, "Reallocating thread handle array");
-        return 0;
     }
-    std::memcpy(list, entry->handles, entry->nhandles * sizeof(bdb_handle *));
-    std::free(entry->handles);
-    entry->handles = list;
     return 0;
 }
 
@@ -565,16 +576,10 @@ int bdb_add_database(bdb_handle *h) {
         bdb_hndl_entry &e = bdb_hndl_array[i];
         if (e.key == h->ipc_key && e.file_dev == dev && e.file_ino == ino) return bdb_add_thread(&e, h);
     }
-    if (numDatabases % 5 == 0) {
-        auto *arr = static_cast<bdb_hndl_entry *>(std::calloc(numDatabases + 5, sizeof(bdb_hndl_entry)));
-        if (!arr) {
-            h->error = BDB_E_NOMEM;
-            bdb_errlog(h, "Allocating shared handle array");
-            return -1;
-        }
-        if (numDatabases) std::memcpy(arr, bdb_hndl_array, numDatabases * sizeof(bdb_hndl_entry));
-        std::free(bdb_hndl_array);
-        bdb_hndl_array = arr;
+    if (!relist(bdb_hndl_array, numDatabases, true)) {
+        h->error = BDB_E_NOMEM;
+        bdb_errlog(h, "Allocating shared handle array");
+        return -1;
     }
     bdb_hndl_entry &e = bdb_hndl_array[numDatabases];
     e.key = h->ipc_key;
@@ -610,21 +615,10 @@ int bdb_remove_database(bdb_handle *h) {
     std::memmove(&bdb_hndl_array[found], &bdb_hndl_array[found + 1],
                  (numDatabases - static_cast<uint32_t>(found) - 1) * sizeof(bdb_hndl_entry));
     --numDatabases;
-    if (numDatabases % 5 != 0) return 0;
-    if (numDatabases == 0) {
-        std::free(bdb_hndl_array);
-        bdb_hndl_array = nullptr;
-        return 0;
-    }
-    auto *arr = static_cast<bdb_hndl_entry *>(std::calloc(numDatabases + 5, sizeof(bdb_hndl_entry)));
-    if (!arr) {
+    if (!relist(bdb_hndl_array, numDatabases, false)) {
         h->error = BDB_E_NOMEM;
         bdb_errlog(h, "Reallocating shared handle array");
-        return 0;
     }
-    std::memcpy(arr, bdb_hndl_array, numDatabases * sizeof(bdb_hndl_entry));
-    std::free(bdb_hndl_array);
-    bdb_hndl_array = arr;
     return 0;
 }
 

@@ -90,17 +90,11 @@ int with_mutex(bdb_handle *h, const char *id, Body body) {
         errno = EINVAL;
         return -1;
     }
-    MutexHold hold(h);
-    if (hold.status() < 0) return hold.status();
-    int rc;
-    if (!id) {
+    return under_mutex(h, [&] {
+        if (id) return body();
         h->error = BDB_E_PARAM;
-        rc = -1;
-    } else {
-        rc = body();
-    }
-    int r = hold.release();
-    return r < 0 ? r : rc;
+        return -1;
+    });
 }
 
 // Does the record exist? (Reads it and drops the value.)
