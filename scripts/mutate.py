@@ -8,9 +8,9 @@ Plants one-operator faults, one at a time, in lib/bt/*.cpp:
   const  an integer constant off by one (+1 or -1);
   neg    the condition of an if or a while negated.
 For each fault it rebuilds a plain build incrementally (the changed object,
-then the library, the tests and the tools relink), runs the CTest suite one
-test at a time, quickest first, and stops at the first failure: the fault is
-caught. A test that runs past its time limit catches it too. A fault that
+then the library, the tests and the tools relink), runs the CTest suite
+quickest test first (--test-jobs at a time) and stops at the first failure:
+the fault is caught. A test that runs past its time limit catches it too. A fault that
 does not compile is no mutant (stillborn). The file is always put back.
 
 The sites are drawn at random with a seed from every candidate site, so a
@@ -195,23 +195,61 @@ def ipc_prefix():
     return ["unshare", "--ipc"] if IPC_NS else []
 
 
-def run_test(build, name, limit):
-    """'pass', 'fail' or 'timeout'."""
+def start_test(build, name, limit):
     cmd = ipc_prefix() + ["ctest", "-R", "^%s$" % re.escape(name), "--timeout", str(int(limit))]
-    try:
-        r = run(cmd, cwd=build, timeout=limit + 30)
-    except subprocess.TimeoutExpired:
-        return "timeout"
-    if r.returncode == 0:
+    return subprocess.Popen(cmd, cwd=build, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                            start_new_session=True)
+
+
+def outcome(proc):
+    out = proc.stdout.read()
+    if proc.returncode == 0:
         return "pass"
-    return "timeout" if "Timeout" in r.stdout else "fail"
+    return "timeout" if "Timeout" in out else "fail"
+
+
+def stop(proc):
+    try:
+        os.killpg(proc.pid, 9)
+    except ProcessLookupError:
+        pass
+    proc.wait()
+
+
+def run_suite(build, order, limits, jobs):
+    """Runs the tests in order, `jobs` at a time, until one fails: (None, None)
+    when all pass, else (test, 'fail' or 'timeout')."""
+    queue, running = list(order), {}
+    try:
+        while queue or running:
+            while queue and len(running) < jobs:
+                n = queue.pop(0)
+                running[n] = (start_test(build, n, limits[n]), time.time())
+            time.sleep(0.1)
+            for n, (p, t0) in list(running.items()):
+                if p.poll() is None:
+                    if time.time() - t0 > limits[n] + 30:
+                        stop(p)
+                        del running[n]
+                        return n, "timeout"
+                    continue
+                del running[n]
+                r = outcome(p)
+                if r != "pass":
+                    return n, r
+        return None, None
+    finally:
+        for p, _ in running.values():
+            stop(p)
 
 
 def baseline(build, names):
     times = {}
     for n in names:
         t0 = time.time()
-        res = run_test(build, n, 900)
+        p = start_test(build, n, 900)
+        p.wait()
+        res = outcome(p)
         times[n] = time.time() - t0
         print("  baseline %-32s %-7s %6.1f s" % (n, res, times[n]), flush=True)
         if res != "pass":
@@ -240,7 +278,8 @@ def main():
     ap.add_argument("--only", help="comma-separated mutant ids to run")
     ap.add_argument("--out", help="write the results as JSON")
     ap.add_argument("--list", action="store_true", help="print the mutants and stop")
-    ap.add_argument("--jobs", type=int, default=2)
+    ap.add_argument("--jobs", type=int, default=2, help="build jobs")
+    ap.add_argument("--test-jobs", type=int, default=2, help="tests run at a time (quickest first)")
     ap.add_argument("--factor", type=float, default=3.0, help="time limit per test: factor x its baseline + 10 s")
     a = ap.parse_args()
     root = os.path.abspath(a.root)
@@ -280,6 +319,7 @@ def main():
     names = test_names(build)
     times = baseline(build, names)
     order = sorted(names, key=lambda n: times[n])
+    limits = {n: a.factor * times[n] + 10 for n in names}
 
     results = []
     for m in mutants:
@@ -305,12 +345,10 @@ def main():
                 if not build_ok(build, a.jobs):
                     res["status"] = "stillborn"
                 else:
-                    res["status"] = "survived"
-                    for n in order:
-                        r = run_test(build, n, a.factor * times[n] + 10)
-                        if r != "pass":
-                            res.update(status="caught", by=n, how=r)
-                            break
+                    by, how = run_suite(build, order, limits, a.test_jobs)
+                    res["status"] = "caught" if by else "survived"
+                    if by:
+                        res.update(by=by, how=how)
             finally:
                 with open(path, "w") as f:
                     f.write(text)

@@ -1,13 +1,21 @@
-// The object store: a model-based test of random object and item operations
-// (ids sharing prefixes and carrying '#' parts, items named in split parts,
-// the header as the empty item, cloning, removal, listing), and the cases it
-// does not reach: long item lists, key limits, opening an object database.
+// The layers on the record calls. The object store: a model-based test of
+// random object and item operations (ids sharing prefixes and carrying '#'
+// parts, items named in split parts, the header as the empty item, cloning,
+// removal, listing), and the cases it does not reach: long item lists, key
+// limits, opening an object database. The ndbm interface as an ndbm program
+// uses it: insert versus replace, missing keys and empty values, walks that
+// delete, read-only handles, the open flags.
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <optional>
 #include <random>
 
+#include "ndbm.h"
 #include "test_util.h"
 
 namespace {
@@ -181,5 +189,81 @@ TEST_P(ObjectModel, RandomOperationsMatchAMapOfMaps) {
 
 INSTANTIATE_TEST_SUITE_P(Modes, ObjectModel, ::testing::Values(BDB_PRIVATE, BDB_SHARED),
                          [](const auto &info) { return info.param == BDB_PRIVATE ? "Private" : "Shared"; });
+
+datum D(const std::string &s) { return datum{const_cast<char *>(s.data()), s.size()}; }
+std::string S(datum d) { return d.dptr ? std::string(static_cast<char *>(d.dptr), d.dsize) : "<missing>"; }
+std::map<std::string, std::string> all(DBM *db) {
+    std::map<std::string, std::string> out;
+    for (datum k = dbm_firstkey(db); k.dptr; k = dbm_nextkey(db)) EXPECT_TRUE(out.emplace(S(k), S(dbm_fetch(db, k))).second);
+    return out;
+}
+
+TEST(Ndbm, StoresFetchesWalksAndOpenFlagsActAsForOpen) {
+    vt::TempDir dir;
+    const std::string name = dir.file("m"), file = name + ".db";
+    const mode_t mask = umask(022);
+    DBM *db = dbm_open(name.c_str(), O_RDWR | O_CREAT, 0640);
+    umask(mask);
+    ASSERT_NE(db, nullptr);
+    struct stat st;  // NAME.db, there from the start with the mode asked for
+    EXPECT_TRUE(stat(file.c_str(), &st) == 0 && (st.st_mode & 0777) == 0640 && !dbm_firstkey(db).dptr);
+    std::mt19937 rng(16);
+    std::map<std::string, std::string> model;
+    for (int i = 0; i < 3000; ++i) {
+        const std::string k = "key" + std::to_string(rng() % 100000), v(i % 100 == 0 ? 3000 + rng() % 9000 : rng() % 120, 'a' + i % 26);
+        const int r = dbm_store(db, D(k), D(v), i % 2 ? DBM_INSERT : DBM_REPLACE);
+        EXPECT_EQ(r, model.count(k) && i % 2 ? 1 : 0);
+        if (r == 0) model[k] = v;
+    }
+    EXPECT_EQ(dbm_store(db, D("e"), datum{nullptr, 0}, DBM_INSERT), 0);
+    model["e"] = "";
+    EXPECT_TRUE(dbm_fetch(db, D("e")).dptr != nullptr && dbm_fetch(db, D("none")).dptr == nullptr);
+    EXPECT_TRUE(dbm_delete(db, D("none")) == -1 && dbm_error(db) == 0);
+    EXPECT_TRUE((errno = 0, dbm_store(nullptr, D("k"), D("v"), DBM_INSERT)) == -1 && errno == EINVAL);
+    // Refused stores are errors until cleared; none of them changes anything.
+    for (const auto &[key, mode] : std::vector<std::pair<std::string, int>>{{"", 0}, {std::string(1025, 'k'), 1}, {"e", 7}}) {
+        EXPECT_EQ((errno = 0, dbm_store(db, D(key), D("x"), mode)), -1);
+        EXPECT_TRUE(errno == EINVAL && dbm_error(db) != 0 && dbm_clearerr(db) == 0 && dbm_error(db) == 0);
+    }
+    EXPECT_TRUE(all(db) == model);
+    size_t n = 0;
+    const size_t total = model.size();  // deleting the key just returned (every third) keeps the walk going
+    for (datum k = dbm_firstkey(db); k.dptr; k = dbm_nextkey(db), ++n)
+        if (n % 3 == 0) {
+            EXPECT_TRUE(model.erase(S(k)) && dbm_delete(db, k) == 0);
+        }
+    EXPECT_EQ(n, total);
+    dbm_close(db);
+    ASSERT_NE(db = dbm_open(name.c_str(), O_RDONLY, 0), nullptr);
+    EXPECT_TRUE(all(db) == model);
+    EXPECT_TRUE(dbm_store(db, D("new"), D("x"), DBM_REPLACE) == -1 && errno == EPERM && dbm_error(db) != 0);
+    const std::string kept = model.begin()->first;
+    EXPECT_TRUE(dbm_delete(db, D(kept)) == -1 && dbm_fetch(db, D(kept)).dptr != nullptr);
+    auto opens = [&](int flags, int err) {  // true when it opened; else errno must be err
+        errno = 0;
+        DBM *o = dbm_open(name.c_str(), flags, 0644);
+        EXPECT_EQ(o ? err : errno, err) << std::hex << flags;
+        if (o) dbm_close(o);
+        return o != nullptr;
+    };
+    EXPECT_FALSE(opens(O_RDWR, EAGAIN));  // a reader has it open
+    dbm_close(db);
+    EXPECT_FALSE(opens(O_RDWR | O_CREAT | O_EXCL, EEXIST));
+    EXPECT_TRUE(opens(O_RDWR | O_TRUNC, 0));
+    ASSERT_NE(db = dbm_open(name.c_str(), O_RDONLY, 0), nullptr);
+    EXPECT_TRUE(all(db).empty());
+    dbm_close(db);
+    // A zero-length file is not a database until O_CREAT makes it one;
+    // anything else that is not a database needs O_TRUNC.
+    for (const std::string content : {"", "not a database"}) {
+        std::ofstream(file, std::ios::trunc) << content;
+        EXPECT_FALSE(opens(O_RDONLY, EINVAL));
+        EXPECT_EQ(opens(O_RDWR | O_CREAT, EINVAL), content.empty());
+        EXPECT_TRUE(opens(O_RDWR | O_TRUNC, 0)) << content;
+    }
+    std::filesystem::remove(file);
+    EXPECT_FALSE(opens(O_RDONLY, ENOENT));
+    EXPECT_TRUE(opens(O_WRONLY | O_CREAT, 0));
+}
 
 }  // namespace

@@ -1,14 +1,14 @@
 // Crash safety of sync. A workload of batches separated by syncs is cut at
 // many points: by a simulated power cut at a write (what was written since
 // each file's last fsync survives page by page at random, some pages torn),
-// and by SIGKILL at random moments, in private and in shared mode. Every
-// time, the database opens, passes the integrity check, and holds exactly
-// the state of the last completed sync or of the next one.
+// and by SIGKILL at random moments, in private and in shared mode. Every time, the database opens, passes the integrity
+// check, and holds exactly the state of the last completed sync or of the
+// next one.
 #include <chrono>
 #include <fcntl.h>
+#include <fstream>
 #include <map>
 #include <random>
-#include <set>
 #include <sys/mman.h>
 
 #include "test_util.h"
@@ -16,20 +16,20 @@
 namespace {
 
 using Model = std::map<std::string, std::string>;
+using Bytes = std::string;
 
-// ---------------------------------------------------------------------------
+Bytes slurp(const std::string &p) { std::ifstream in(p, std::ios::binary); return {std::istreambuf_iterator<char>(in), {}}; }
+void spill(const std::string &p, const Bytes &b) { std::ofstream(p, std::ios::binary | std::ios::trunc) << b; }
+
 // The workload: batches of new keys, replaces that grow values to long ones
 // and shrink them again, and deletes of whole ranges (pages emptied and
-// dropped); each batch ends with a sync. It runs against a handle or, with
-// a null handle, against the model alone.
-// ---------------------------------------------------------------------------
-
+// dropped); each batch ends with a sync. It runs against a handle or, with a
+// null handle, against the model alone.
 std::string key_of(uint32_t n) { return "key" + std::to_string(100000 + n); }
 std::string value_of(std::mt19937 &rng) {
     const uint32_t r = rng() % 10;
     return std::string(r == 0 ? 2000 + rng() % 12000 : 20 + rng() % 200, static_cast<char>('a' + rng() % 26));
 }
-
 Model base_model() {
     Model m;
     std::mt19937 rng(1);
@@ -39,7 +39,7 @@ Model base_model() {
 
 // Runs batch b (0..4) on m, and on h when given. `stop` ends it early (the
 // process has crashed). False when a call on h failed.
-bool run_batch(bdb_handle *h, Model &m, uint32_t seed, int b, const std::function<bool()> &stop, bool sync = true) {
+bool run_batch(bdb_handle *h, Model &m, uint32_t seed, int b, const std::function<bool()> &stop) {
     std::mt19937 rng(seed * 100 + static_cast<uint32_t>(b));
     for (int i = 0; i < 120 && !stop(); ++i) {
         const uint32_t op = rng() % 10, k = rng() % 700;
@@ -55,12 +55,10 @@ bool run_batch(bdb_handle *h, Model &m, uint32_t seed, int b, const std::functio
         } else if (op < 6) {
             if (h && vt::replace(h, key, val) != 0) return false;
             m[key] = val;
-        } else if (op < 9) {
-            // A range delete empties whole pages.
+        } else if (op < 9) {  // a range delete empties whole pages
             for (uint32_t j = k; j < k + 12; ++j) {
-                const std::string dk = key_of(j);
-                if (h && vt::del(h, dk) != 0 && bdb_error(h) != BDB_E_NOTFOUND) return false;
-                m.erase(dk);
+                if (h && vt::del(h, key_of(j)) != 0 && bdb_error(h) != BDB_E_NOTFOUND) return false;
+                m.erase(key_of(j));
             }
         } else if (h && vt::put(h, key, val) != 0 && bdb_error(h) != BDB_E_DUPLICATE) {
             return false;
@@ -68,7 +66,7 @@ bool run_batch(bdb_handle *h, Model &m, uint32_t seed, int b, const std::functio
             m.emplace(key, val);
         }
     }
-    return stop() || !h || !sync || bdb_sync(h) == 0;
+    return stop() || !h || bdb_sync(h) == 0;
 }
 
 constexpr int kBatches = 5;
@@ -77,32 +75,28 @@ constexpr int kBatches = 5;
 std::vector<Model> snapshots(uint32_t seed) {
     std::vector<Model> s{base_model()};
     for (int b = 0; b < kBatches; ++b) {
-        Model m = s.back();
-        run_batch(nullptr, m, seed, b, [] { return false; });
-        s.push_back(m);
+        s.push_back(s.back());
+        run_batch(nullptr, s.back(), seed, b, [] { return false; });
     }
     return s;
 }
 
-Model as_model(const std::vector<std::pair<std::string, std::string>> &w) { return Model(w.begin(), w.end()); }
-
-// Opens db, checks it and returns its content (or a note why it failed).
+// Opens db, checks it and gives its content (or a note why it failed).
 std::string verify(const std::string &db, int mode, Model *out) {
     uint32_t err = 0;
     bdb_handle *h = bdb_open(db.c_str(), 0, BDB_RDWR, mode, nullptr, 0, &err);
     if (!h) return std::string("open: ") + bdbstrerr(err);
-    std::string note;
-    if (bdb_check(h) != 0) note = std::string("check: ") + bdbstrerr(bdb_error(h));
-    *out = as_model(vt::walk(h));
-    if (bdb_close(h) != 0) note += " close failed";
-    return note;
+    const std::string note = bdb_check(h) != 0 ? std::string("check: ") + bdbstrerr(bdb_error(h)) : "";
+    const auto w = vt::walk(h);
+    *out = Model(w.begin(), w.end());
+    return bdb_close(h) != 0 ? note + " close failed" : note;
 }
 
 bool is_one_of(const Model &got, const std::vector<Model> &snaps, size_t k) {
     return got == snaps[k] || (k + 1 < snaps.size() && got == snaps[k + 1]);
 }
 
-// The base database: created unless it exists.
+// The base database (created unless it exists) holds the base model.
 void make_base(const std::string &db, int mode) {
     uint32_t err = 0;
     if (::access(db.c_str(), F_OK) != 0) {
@@ -114,38 +108,19 @@ void make_base(const std::string &db, int mode) {
     ASSERT_EQ(bdb_close(h), 0);
 }
 
-std::vector<uint8_t> slurp(const std::string &p) {
-    std::vector<uint8_t> b;
-    FILE *f = std::fopen(p.c_str(), "rb");
-    if (!f) return b;
-    uint8_t buf[65536];
-    for (size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) b.insert(b.end(), buf, buf + n);
-    std::fclose(f);
-    return b;
-}
-void spill(const std::string &p, const std::vector<uint8_t> &b) {
-    FILE *f = std::fopen(p.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    ASSERT_EQ(std::fwrite(b.data(), 1, b.size(), f), b.size());
-    std::fclose(f);
-}
-
-// ---------------------------------------------------------------------------
 // Simulated power cuts: the seam keeps, for every file of the database, its
 // content at the last fsync and the writes and length changes since. At the
 // chosen write the machine stops (later calls change nothing); the files are
 // then rebuilt from what was durable plus, page by page, any version written
 // since, some of them torn in half.
-// ---------------------------------------------------------------------------
-
 struct Sim {
+    struct Event {
+        off_t off;  // -1: a length change to `len`
+        Bytes bytes;
+        size_t len;
+    };
     struct File {
-        std::vector<uint8_t> durable, live;
-        struct Event {
-            off_t off;  // -1: a length change to `len`
-            std::vector<uint8_t> bytes;
-            size_t len;
-        };
+        Bytes durable, live;
         std::vector<Event> pending;
     };
     static inline std::map<std::string, File> files;
@@ -154,89 +129,60 @@ struct Sim {
     static inline long writes = 0, crash_at = -1;
     static inline bool crashed = false;
 
-    static File *of(int fd) {
-        auto it = fds.find(fd);
-        return it == fds.end() ? nullptr : &files[it->second];
-    }
+    static File *of(int fd) { return fds.count(fd) ? &files[fds[fd]] : nullptr; }
     static int open(const char *p, int flags, mode_t mode) {
-        int fd = ::open(p, flags | O_CLOEXEC, mode);
+        const int fd = ::open(p, flags | O_CLOEXEC, mode);
         if (fd >= 0 && std::string(p).rfind(dir, 0) == 0 && !(flags & O_DIRECTORY)) {
-            fds[fd] = p;
-            File &f = files[p];
+            File &f = files[fds[fd] = p];
             if (f.live.empty()) f.live = f.durable = slurp(p);
         }
         return fd;
     }
-    static int close(int fd) {
-        fds.erase(fd);
-        return ::close(fd);
-    }
     static ssize_t pwrite(int fd, const void *b, size_t n, off_t off) {
         File *f = of(fd);
-        if (!f) return ::pwrite(fd, b, n, off);
-        if (crashed) return static_cast<ssize_t>(n);
-        if (++writes == crash_at) {
-            crashed = true;
-            n /= 2;  // the write in progress is torn
-        }
-        auto *p = static_cast<const uint8_t *>(b);
-        f->pending.push_back({off, std::vector<uint8_t>(p, p + n), 0});
+        if (!f || crashed) return f ? static_cast<ssize_t>(n) : ::pwrite(fd, b, n, off);
+        if (++writes == crash_at) crashed = true, n /= 2;  // the write in progress is torn
+        f->pending.push_back({off, Bytes(static_cast<const char *>(b), n), 0});
         if (f->live.size() < off + n) f->live.resize(off + n);
-        std::memcpy(f->live.data() + off, p, n);
+        f->live.replace(off, n, static_cast<const char *>(b), n);
         return ::pwrite(fd, b, n, off);
-    }
-    static int fsync(int fd) {
-        File *f = of(fd);
-        if (f && !crashed) {
-            f->durable = f->live;
-            f->pending.clear();
-        }
-        return 0;
     }
     static int ftruncate(int fd, off_t len) {
         File *f = of(fd);
-        if (!f) return ::ftruncate(fd, len);
-        if (crashed) return 0;
+        if (!f || crashed) return f ? 0 : ::ftruncate(fd, len);
         f->pending.push_back({-1, {}, static_cast<size_t>(len)});
         f->live.resize(static_cast<size_t>(len));
         return ::ftruncate(fd, len);
     }
-    static int unlink(const char *p) { return crashed ? 0 : ::unlink(p); }
-
     static void install(const std::string &d, long at) {
-        files.clear();
-        fds.clear();
-        dir = d;
-        writes = 0;
-        crash_at = at;
-        crashed = false;
-        varlo::sysio.open = open;
-        varlo::sysio.close = close;
-        varlo::sysio.pread = [](int fd, void *b, size_t n, off_t off) { return ::pread(fd, b, n, off); };
-        varlo::sysio.pwrite = pwrite;
-        varlo::sysio.fsync = fsync;
-        varlo::sysio.ftruncate = ftruncate;
-        varlo::sysio.unlink = unlink;
+        files.clear(), fds.clear();
+        dir = d, writes = 0, crash_at = at, crashed = false;
+        auto &s = varlo::sysio;
+        s.open = open, s.pwrite = pwrite, s.ftruncate = ftruncate;
+        s.close = [](int fd) { return fds.erase(fd), ::close(fd); };
+        s.pread = [](int fd, void *b, size_t n, off_t off) { return ::pread(fd, b, n, off); };
+        s.fsync = [](int fd) {
+            if (File *f = of(fd); f && !crashed) f->durable = f->live, f->pending.clear();
+            return 0;
+        };
+        s.unlink = [](const char *p) { return crashed ? 0 : ::unlink(p); };
     }
-
     // What the disk holds after the cut.
     static void power_cut(uint32_t seed) {
         std::mt19937 rng(seed);
         for (auto &[path, f] : files) {
-            std::vector<uint8_t> img = f.durable;
+            Bytes img = f.durable;
             for (auto &e : f.pending) {
                 if (e.off < 0) {
                     if (rng() % 2) img.resize(e.len);
                     continue;
                 }
                 for (size_t at = 0; at < e.bytes.size(); at += 8192) {
-                    const size_t n = std::min<size_t>(8192, e.bytes.size() - at);
-                    const uint32_t fate = rng() % 8;
-                    if (fate < 3) continue;  // this page of the write was lost
-                    const size_t keep = fate == 3 ? n / 2 : n;
-                    const size_t off = static_cast<size_t>(e.off) + at;
+                    const size_t n = std::min<size_t>(8192, e.bytes.size() - at), off = static_cast<size_t>(e.off) + at;
+                    const uint32_t fate = rng() % 8;  // 0..2: this page of the write was lost; 3: torn
+                    if (fate < 3) continue;
                     if (img.size() < off + n) img.resize(off + n);
-                    std::memcpy(img.data() + off, e.bytes.data() + at, keep);
+                    img.replace(off, fate == 3 ? n / 2 : n, e.bytes, at, fate == 3 ? n / 2 : n);
                 }
             }
             spill(path, img);
@@ -250,18 +196,16 @@ TEST(Crash, PowerCutAtAnyWriteKeepsTheLastSyncOrTheNext) {
     // Made in shared mode: the private opens below change the mode word of
     // the meta page copy without marking the page changed.
     make_base(db, BDB_SHARED);
-    const auto base_db = slurp(db), base_log = slurp(log);
+    const Bytes base_db = slurp(db), base_log = slurp(log);
     const uint32_t seed = 7;
     const auto snaps = snapshots(seed);
-    // Runs the workload on a fresh copy of the base files, cut at write
-    // `at` (never, for -1); returns the syncs completed and the writes seen.
+    // Runs the workload on a fresh copy of the base files, cut at write `at`
+    // (never, for -1); gives the syncs completed and the writes seen.
     auto run = [&](long at, long *writes) {
-        spill(db, base_db);
-        spill(log, base_log);
+        spill(db, base_db), spill(log, base_log);
         Sim::install(dir.path(), at);
         size_t synced = 0;
-        bdb_handle *h = vt::open_db(db);  // the default cache: pages are evicted between syncs
-        if (h) {
+        if (bdb_handle *h = vt::open_db(db)) {  // the default cache: pages are evicted between syncs
             Model m = snaps[0];
             for (int b = 0; b < kBatches && !Sim::crashed; ++b) {
                 EXPECT_TRUE(run_batch(h, m, seed, b, [] { return Sim::crashed; }) || Sim::crashed) << b;
@@ -276,91 +220,19 @@ TEST(Crash, PowerCutAtAnyWriteKeepsTheLastSyncOrTheNext) {
     ASSERT_EQ(run(-1, &total), static_cast<size_t>(kBatches));
     varlo::sysio_reset();
     ASSERT_GT(total, 100);
-    // Every write, or 200 (times the soak factor) spread over all of them.
-    const long points = std::min<long>(total, 200 * vt::env_long("VARLO_SOAK", 1));
+    const long points = std::min<long>(total, 200 * vt::env_long("VARLO_SOAK", 1));  // spread over all writes
     for (long i = 0; i < points; ++i) {
-        const long at = 1 + i * (total - 1) / (points - 1);  // the first write to the last
-        long w = 0;
+        long at = 1 + i * (total - 1) / (points - 1), w = 0;
         const size_t synced = run(at, &w);
         Sim::power_cut(static_cast<uint32_t>(at));
         varlo::sysio_reset();
         Model got;
-        const std::string note = verify(db, BDB_PRIVATE, &got);
-        ASSERT_EQ(note, "") << "cut at write " << at << " of " << total;
+        ASSERT_EQ(verify(db, BDB_PRIVATE, &got), "") << "cut at write " << at << " of " << total;
         ASSERT_TRUE(is_one_of(got, snaps, synced)) << "cut at write " << at << " after sync " << synced;
     }
 }
 
-// ---------------------------------------------------------------------------
-// Failing system calls: the call fails with a code and a message, a crash
-// right then keeps the last sync, and once the fault is gone the next sync
-// succeeds and keeps everything.
-// ---------------------------------------------------------------------------
-
-struct Fault {
-    static inline int kind = 0;  // 0 none, 1 fsync, 2 pwrite EIO, 3 pwrite ENOSPC
-    static inline bool on_log = false;
-    static bool hits(int fd) {
-        char link[64], target[4096];
-        std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-        const ssize_t n = readlink(link, target, sizeof target - 1);
-        const bool log = n > 4 && std::string(target, static_cast<size_t>(n)).ends_with("-log");
-        return log == on_log;
-    }
-    static int fsync(int fd) { return kind == 1 && hits(fd) ? (errno = EIO, -1) : ::fsync(fd); }
-    static ssize_t pwrite(int fd, const void *b, size_t n, off_t off) {
-        if (kind >= 2 && hits(fd)) return errno = kind == 2 ? EIO : ENOSPC, -1;
-        return ::pwrite(fd, b, n, off);
-    }
-};
-
-TEST(Crash, FailedCallsLoseNothingSyncedAndTheNextSyncSucceeds) {
-    struct Case {
-        int kind;
-        bool on_log, at_sync;
-        uint32_t code;
-        const char *context;
-    } cases[] = {
-        {1, true, true, BDB_E_IO, "meta log fsync"},       {1, false, true, BDB_E_IO, "db force cache fsync"},
-        {2, false, true, BDB_E_WRITE, "db write"},         {3, true, false, BDB_E_WRITE, "meta log write"},
-        {2, true, false, BDB_E_WRITE, "meta log write"},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.context);
-        vt::TempDir dir;
-        const std::string db = dir.file("f.db");
-        make_base(db, BDB_PRIVATE);
-        bdb_handle *h = vt::open_db(db, 64 * 1024, BDB_RDWR, vt::recording_handler);
-        ASSERT_NE(h, nullptr);
-        const Model synced = base_model();
-        Model now = synced;
-        auto change = [&] { ASSERT_TRUE(run_batch(h, now, 3, 1, [] { return false; }, false)); };
-        if (c.at_sync) change();
-        Fault::kind = c.kind;
-        Fault::on_log = c.on_log;
-        varlo::sysio.fsync = Fault::fsync;
-        varlo::sysio.pwrite = Fault::pwrite;
-        EXPECT_EQ(c.at_sync ? bdb_sync(h) : vt::replace(h, key_of(1), "x"), -1);
-        EXPECT_EQ(bdb_error(h), c.code);
-        EXPECT_EQ(vt::last_context(), c.context);
-        varlo::sysio_reset();
-        // A crash now: a copy of the files is what the disk holds.
-        spill(dir.file("copy.db"), slurp(db));
-        spill(dir.file("copy.db-log"), slurp(db + "-log"));
-        Model got;
-        EXPECT_EQ(verify(dir.file("copy.db"), BDB_PRIVATE, &got), "");
-        EXPECT_TRUE(got == synced);
-        if (!c.at_sync) change();
-        EXPECT_EQ(bdb_close(h), 0);
-        EXPECT_EQ(verify(db, BDB_PRIVATE, &got), "");
-        EXPECT_TRUE(got == now);
-    }
-}
-
-// ---------------------------------------------------------------------------
-// SIGKILL at random moments
-// ---------------------------------------------------------------------------
-
+// SIGKILL at random moments.
 class Kill : public ::testing::TestWithParam<int> {
 protected:
     void SetUp() override { vt::Watchdog::arm(600); }
@@ -374,20 +246,17 @@ TEST_P(Kill, AtRandomMomentsKeepsTheLastSyncOrTheNext) {
     const std::string db = vt::fresh_db(dir, "k", mode, &key);
     ASSERT_FALSE(db.empty());
     make_base(db, mode);
-    const auto base_db = slurp(db), base_log = slurp(db + "-log");
+    const Bytes base_db = slurp(db), base_log = slurp(db + "-log");
     // The child tells how many syncs it completed through a shared page.
-    auto *synced = static_cast<volatile uint32_t *>(
-        mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    auto *synced = static_cast<volatile uint32_t *>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(synced, MAP_FAILED);
     std::mt19937 rng(static_cast<uint32_t>(mode));
-    const long runs = 150 * vt::env_long("VARLO_SOAK", 1);
     long span_us = 0;
-    for (long run = 0; run < runs; ++run) {
-        spill(db, base_db);
-        spill(db + "-log", base_log);
+    for (long run = 0; run < 150 * vt::env_long("VARLO_SOAK", 1); ++run) {
+        spill(db, base_db), spill(db + "-log", base_log);
         const uint32_t seed = static_cast<uint32_t>(run + 1);
         *synced = 0;
-        pid_t pid = vt::spawn([&] {
+        const pid_t pid = vt::spawn([&] {
             uint32_t err = 0;
             bdb_handle *h = bdb_open(db.c_str(), 0, BDB_RDWR, mode, nullptr, 0, &err);
             VT_CHILD_CHECK(h != nullptr);
@@ -398,9 +267,7 @@ TEST_P(Kill, AtRandomMomentsKeepsTheLastSyncOrTheNext) {
             }
             for (;;) pause();  // killed here at the latest
         });
-        if (run == 0) {
-            // The first run measures how long the whole workload takes, so
-            // that the kills spread over all of it.
+        if (run == 0) {  // the first run measures the workload, so that the kills spread over all of it
             const auto t0 = std::chrono::steady_clock::now();
             ASSERT_TRUE(vt::wait_until([&] { return *synced == kBatches; }, 60000));
             span_us = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - t0).count();
@@ -410,8 +277,7 @@ TEST_P(Kill, AtRandomMomentsKeepsTheLastSyncOrTheNext) {
         kill(pid, SIGKILL);
         ASSERT_EQ(vt::wait_child(pid), 128 + SIGKILL);
         Model got;
-        const std::string note = verify(db, mode, &got);
-        ASSERT_EQ(note, "") << "run " << run;
+        ASSERT_EQ(verify(db, mode, &got), "") << "run " << run;
         ASSERT_TRUE(is_one_of(got, snapshots(seed), *synced)) << "run " << run << " after sync " << *synced;
     }
     munmap(const_cast<uint32_t *>(synced), 4096);

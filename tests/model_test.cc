@@ -1,8 +1,16 @@
 // Model-based test of the record calls: random sequences of put, replace,
-// update, delete, remove, get, first and next checked against std::map, with
-// close and reopen and an integrity check of the file between batches.
+// update, delete, remove, get, first and next checked against std::map (and
+// the handle's counters against the calls made), with close and reopen and
+// an integrity check of the file between batches. Runs differ in cache
+// size and in how the database is used: a private handle, some starting
+// from a bulk load, some with the reverse order; a file in the other byte
+// order; transfers interrupted and cut short at every call; a thread handle;
+// a shared-mode handle. After every close the file holds just the pages the
+// allocation map uses.
 //
 // VARLO_SOAK=n multiplies the number of seeds and batches (make soak).
+#include <array>
+#include <fcntl.h>
 #include <map>
 #include <random>
 
@@ -10,7 +18,13 @@
 
 namespace {
 
-using Model = std::map<std::string, std::string>;
+// Keys in the default order (unsigned bytes, as std::string compares) or its reverse.
+struct Order {
+    bool reverse;
+    bool operator()(const std::string &a, const std::string &b) const { return reverse ? b < a : a < b; }
+};
+using Model = std::map<std::string, std::string, Order>;
+int reverse_compare(const bdb_datum *a, const bdb_datum *b) { return bdb_dti_compare(b, a); }
 
 struct Gen {
     explicit Gen(uint64_t seed) : rng(seed), long_keys(seed % 3 == 0) {}
@@ -25,36 +39,16 @@ struct Gen {
     std::string key() {
         static const char *prefixes[] = {"", "a", "ab", "user/", "user/profile/", "zz", "\x01", "\xff\xfe"};
         std::string k = prefixes[below(8)];
-        size_t n;
-        int r = static_cast<int>(below(100));
-        if (long_keys && r < 60)
-            n = 300 + below(725);
-        else if (r < 70)
-            n = 1 + below(12);
-        else if (r < 95)
-            n = 1 + below(120);
-        else
-            n = 500 + below(525);
+        const int r = static_cast<int>(below(100));
+        const size_t n = long_keys && r < 60 ? 300 + below(725) : r < 70 ? 1 + below(12) : r < 95 ? 1 + below(120) : 500 + below(525);
         for (size_t i = 0; i < n && k.size() < 1024; ++i) k.push_back(static_cast<char>('a' + below(6)));
-        if (k.empty()) k = "k";
-        if (k.size() > 1024) k.resize(1024);
-        return k;
+        return k.empty() ? "k" : k.substr(0, 1024);
     }
 
     // Values: empty, small, around the long-value threshold, and long.
     std::string value() {
-        size_t n;
-        int r = static_cast<int>(below(100));
-        if (r < 5)
-            n = 0;
-        else if (r < 55)
-            n = below(200);
-        else if (r < 75)
-            n = 200 + below(1800);
-        else if (r < 87)
-            n = 2040 + below(16);
-        else
-            n = 2049 + below(30000);
+        const int r = static_cast<int>(below(100));
+        const size_t n = r < 5 ? 0 : r < 55 ? below(200) : r < 75 ? 200 + below(1800) : r < 87 ? 2040 + below(16) : 2049 + below(30000);
         std::string v(n, '\0');
         const char c = static_cast<char>('A' + below(26));
         for (size_t i = 0; i < n; ++i) v[i] = static_cast<char>(c + (i % 7));
@@ -66,8 +60,7 @@ struct Gen {
 std::string pick_existing(Gen &g, const Model &m) {
     if (m.empty()) return g.key();
     auto it = m.lower_bound(g.key());
-    if (it == m.end()) it = m.begin();
-    return it->first;
+    return it == m.end() ? m.begin()->first : it->first;
 }
 
 void expect_same(bdb_handle *h, const Model &m) {
@@ -77,12 +70,18 @@ void expect_same(bdb_handle *h, const Model &m) {
     auto it = m.begin();
     for (size_t i = 0; i < got.size(); ++i, ++it) {
         ASSERT_EQ(got[i].first, it->first) << "record " << i;
-        ASSERT_EQ(got[i].second.size(), it->second.size()) << "key " << it->first;
         ASSERT_TRUE(got[i].second == it->second) << "key " << it->first;
     }
 }
 
-void one_op(Gen &g, bdb_handle *h, Model &m) {
+// Calls since the handle was opened: puts, replaces, updates, deletes, removes, reads.
+using Calls = std::array<uint32_t, 6>;
+Calls counters(const bdb_handle *h) {
+    const bdb_stats &s = *h->stats;
+    return {s.puts, s.replaces, s.updates, s.deletes, s.removes, s.reads};
+}
+
+void one_op(Gen &g, bdb_handle *h, Model &m, Calls &calls) {
     int r = static_cast<int>(g.below(100));
     // Growing batches mostly put, shrinking ones mostly delete.
     if (g.phase == 0 && r >= 28 && g.chance(50)) r = static_cast<int>(g.below(28));
@@ -90,55 +89,43 @@ void one_op(Gen &g, bdb_handle *h, Model &m) {
     std::string out;
     if (r < 28) {  // put
         std::string k = g.chance(20) ? pick_existing(g, m) : g.key(), v = g.value();
-        int rc = vt::put(h, k, v);
-        if (m.count(k)) {
-            ASSERT_EQ(rc, -1);
-            ASSERT_EQ(bdb_error(h), BDB_E_DUPLICATE);
-        } else {
-            ASSERT_EQ(rc, 0) << bdbstrerr(bdb_error(h));
-            m[k] = v;
-        }
+        ++calls[0];
+        const int rc = vt::put(h, k, v);
+        ASSERT_EQ(rc == 0 ? 0u : bdb_error(h), m.count(k) ? BDB_E_DUPLICATE : 0u) << bdbstrerr(bdb_error(h));
+        m.emplace(k, v);
     } else if (r < 42) {  // replace
         std::string k = g.chance(60) ? pick_existing(g, m) : g.key(), v = g.value();
         const bool had = m.count(k) > 0;
         bdb_seterror(h, 0);
+        ++calls[1];
         ASSERT_EQ(vt::replace(h, k, v), 0) << bdbstrerr(bdb_error(h));
         ASSERT_EQ(bdb_error(h), had ? 0u : BDB_E_INSERTED);
         m[k] = v;
     } else if (r < 52) {  // update
         std::string k = g.chance(70) ? pick_existing(g, m) : g.key(), v = g.value();
-        int rc = vt::update(h, k, v);
-        if (m.count(k)) {
-            ASSERT_EQ(rc, 0) << bdbstrerr(bdb_error(h));
-            m[k] = v;
-        } else {
-            ASSERT_EQ(rc, -1);
-            ASSERT_EQ(bdb_error(h), BDB_E_NOTFOUND);
-        }
+        ++calls[2];
+        const int rc = vt::update(h, k, v);
+        ASSERT_EQ(rc == 0 ? 0u : bdb_error(h), m.count(k) ? 0u : BDB_E_NOTFOUND) << bdbstrerr(bdb_error(h));
+        if (rc == 0) m[k] = v;
     } else if (r < 66) {  // delete
         std::string k = g.chance(85) ? pick_existing(g, m) : g.key();
-        int rc = vt::del(h, k);
-        if (m.erase(k)) {
-            ASSERT_EQ(rc, 0) << bdbstrerr(bdb_error(h));
-        } else {
-            ASSERT_EQ(rc, -1);
-            ASSERT_EQ(bdb_error(h), BDB_E_NOTFOUND);
-        }
+        ++calls[3];
+        const int rc = vt::del(h, k);
+        ASSERT_EQ(rc == 0 ? 0u : bdb_error(h), m.erase(k) ? 0u : BDB_E_NOTFOUND) << bdbstrerr(bdb_error(h));
     } else if (r < 72) {  // remove
         std::string k = g.chance(85) ? pick_existing(g, m) : g.key();
-        bool ok = vt::remove(h, k, &out);
+        ++calls[4];
+        const bool ok = vt::remove(h, k, &out);
         auto it = m.find(k);
-        if (it != m.end()) {
-            ASSERT_TRUE(ok) << bdbstrerr(bdb_error(h));
+        ASSERT_EQ(ok ? 0u : bdb_error(h), it != m.end() ? 0u : BDB_E_NOTFOUND);
+        if (ok) {
             ASSERT_TRUE(out == it->second);
             m.erase(it);
-        } else {
-            ASSERT_FALSE(ok);
-            ASSERT_EQ(bdb_error(h), BDB_E_NOTFOUND);
         }
     } else if (r < 90) {  // get
         std::string k = g.chance(70) ? pick_existing(g, m) : g.key();
-        bool ok = vt::get(h, k, &out);
+        ++calls[5];
+        const bool ok = vt::get(h, k, &out);
         auto it = m.find(k);
         ASSERT_EQ(ok, it != m.end());
         if (ok) {
@@ -157,22 +144,21 @@ void one_op(Gen &g, bdb_handle *h, Model &m) {
                 // The tree changes under the walk: a key put right after the
                 // current one, or the next one deleted.
                 if (it != m.end() && g.chance(50)) {
+                    ++calls[3];
                     ASSERT_EQ(vt::del(h, it->first), 0);
                     m.erase(it);
                 } else if (cur.size() < 1024 && !m.count(cur + "+")) {
+                    ++calls[0];
                     ASSERT_EQ(vt::put(h, cur + "+", "w"), 0);
                     m[cur + "+"] = "w";
                 }
                 it = m.upper_bound(cur);
             }
             bdb_datum vd{};
-            int rc = bdb_next(h, &kd, &vd);
-            if (it == m.end()) {
-                ASSERT_EQ(rc, -1);
-                ASSERT_EQ(bdb_error(h), BDB_E_EOF);
-                break;
-            }
-            ASSERT_EQ(rc, 0) << bdbstrerr(bdb_error(h));
+            ++calls[5];
+            const int rc = bdb_next(h, &kd, &vd);
+            ASSERT_EQ(rc == 0 ? 0u : bdb_error(h), it == m.end() ? BDB_E_EOF : 0u) << bdbstrerr(bdb_error(h));
+            if (rc < 0) break;
             ASSERT_EQ(std::string(kbuf, kd.len), it->first);
             ASSERT_EQ(vd.len, it->second.size());
             std::free(vd.ptr);
@@ -180,68 +166,127 @@ void one_op(Gen &g, bdb_handle *h, Model &m) {
     } else {  // first, and keys of bad sizes
         char kbuf[1024];
         bdb_datum kd{kbuf, 0}, vd{};
-        int rc = bdb_first(h, &kd, &vd);
-        if (m.empty()) {
-            ASSERT_EQ(rc, -1);
-            ASSERT_EQ(bdb_error(h), BDB_E_EMPTY);
-        } else {
-            ASSERT_EQ(rc, 0);
+        ++calls[5];
+        const int rc = bdb_first(h, &kd, &vd);
+        ASSERT_EQ(rc == 0 ? 0u : bdb_error(h), m.empty() ? BDB_E_EMPTY : 0u);
+        if (rc == 0) {
             ASSERT_EQ(std::string(kbuf, kd.len), m.begin()->first);
-            std::free(vd.ptr);
         }
-        std::string big(1025, 'k');
-        ASSERT_EQ(vt::put(h, big, "v"), -1);
-        ASSERT_EQ(bdb_error(h), BDB_E_KEYSIZE);
-        ASSERT_EQ(vt::put(h, "", "v"), -1);
-        ASSERT_EQ(bdb_error(h), BDB_E_KEYSIZE);
+        std::free(vd.ptr);
+        calls[0] += 2;
+        ASSERT_EQ(vt::put(h, std::string(1025, 'k'), "v") == 0 ? 0u : bdb_error(h), BDB_E_KEYSIZE);
+        ASSERT_EQ(vt::put(h, "", "v") == 0 ? 0u : bdb_error(h), BDB_E_KEYSIZE);
     }
 }
 
+enum Kind { kPrivate, kBulk, kOtherOrder, kChoppy, kThread, kShared, kReverse };
+const char *const kKindNames[] = {"private", "bulk", "otherorder", "choppy", "thread", "shared", "reverse"};
 struct Config {
     uint64_t seed;
     uint32_t cache;
+    Kind kind;
 };
 
-class ModelTest : public ::testing::TestWithParam<Config> {};
+// Transfers that fail with EINTR every other call and move at most 1000 bytes.
+struct Choppy {
+    static inline int calls = 0;
+    static ssize_t pwrite(int fd, const void *b, size_t n, off_t off) {
+        return ++calls % 2 ? (errno = EINTR, -1) : ::pwrite(fd, b, n > 1000 ? 1000 : n, off);
+    }
+    static ssize_t pread(int fd, void *b, size_t n, off_t off) {
+        return ++calls % 2 ? (errno = EINTR, -1) : ::pread(fd, b, n > 1000 ? 1000 : n, off);
+    }
+};
+
+// Sorted records for a bulk load, handed out one by one.
+struct Source {
+    Model::const_iterator it, end;
+    static int next(void *ctx, bdb_datum *k, bdb_datum *d) {
+        auto *s = static_cast<Source *>(ctx);
+        if (s->it == s->end) return 0;
+        *k = vt::datum(s->it->first), *d = vt::datum(s->it->second);
+        ++s->it;
+        return 1;
+    }
+};
+
+class ModelTest : public ::testing::TestWithParam<Config> {
+protected:
+    void SetUp() override { vt::Watchdog::arm(static_cast<unsigned>(550 * vt::env_long("VARLO_SOAK", 1))); }
+    void TearDown() override {
+        varlo::sysio_reset();
+        vt::Watchdog::disarm_and_clean();
+    }
+};
 
 TEST_P(ModelTest, RandomOperationsMatchTheModel) {
     const Config cfg = GetParam();
     const long soak = vt::env_long("VARLO_SOAK", 1);
     vt::TempDir dir;
-    const std::string path = dir.file("model.db");
+    const int mode = cfg.kind == kShared ? BDB_SHARED : BDB_PRIVATE;
+    const std::string path = vt::fresh_db(dir, "model", mode, nullptr);
+    ASSERT_FALSE(path.empty());
+    if (cfg.kind == kOtherOrder) {  // the empty database's meta page, every word turned round
+        std::vector<uint8_t> meta(8192);
+        const int fd = ::open(path.c_str(), O_RDWR);
+        ASSERT_EQ(varlo::read_full(fd, meta.data(), 8192, 0), 0);
+        bdb_swap(meta.data(), 8192);
+        ASSERT_EQ(varlo::write_full(fd, meta.data(), 8192, 0) + ::close(fd), 0);
+    }
+    if (cfg.kind == kChoppy) varlo::sysio.pwrite = Choppy::pwrite, varlo::sysio.pread = Choppy::pread;
+    auto open = [&] {
+        uint32_t err = 0;
+        bdb_options o{cfg.cache, cfg.kind == kReverse ? reverse_compare : nullptr, vt::recording_handler};
+        return bdb_open(path.c_str(), 0, BDB_RDWR, mode, &o, cfg.kind == kThread ? 7 : 0, &err);
+    };
     Gen g(cfg.seed);
-    Model m;
-    bdb_handle *h = vt::create_open(path, cfg.cache, vt::recording_handler);
+    Model m(Order{cfg.kind == kReverse});
+    bdb_handle *h = open();
     ASSERT_NE(h, nullptr);
+    EXPECT_EQ((h->flags & BDB_F_SWAPPED) != 0, cfg.kind == kOtherOrder);
+    if (cfg.kind == kBulk) {
+        for (int i = 0; i < 3000; ++i) m.emplace(g.key(), g.value());
+        Source src{m.begin(), m.end()};
+        ASSERT_EQ(bdb_bulk_load(h, Source::next, &src), 0) << bdbstrerr(bdb_error(h));
+        ASSERT_EQ(bdb_check(h), 0) << vt::last_context();
+    }
+    Calls calls{};
     const int batches = static_cast<int>(12 * soak);
     for (int b = 0; b < batches; ++b) {
         SCOPED_TRACE("seed " + std::to_string(cfg.seed) + " batch " + std::to_string(b));
         g.phase = b % 6 < 3 ? 0 : (b % 6 < 5 ? 1 : 2);
-        const int ops = 1500;
-        for (int i = 0; i < ops; ++i) {
-            one_op(g, h, m);
+        for (int i = 0; i < 1500; ++i) {
+            one_op(g, h, m, calls);
             if (HasFatalFailure()) {
                 bdb_close(h);
                 return;
             }
         }
+        // The counters count every call; shared handles share them with
+        // nobody here.
+        ASSERT_EQ(counters(h), calls);
         // Mostly close and reopen; sometimes only sync.
         if (g.chance(75)) {
             ASSERT_EQ(bdb_close(h), 0);
-            h = vt::open_db(path, cfg.cache, BDB_RDWR, vt::recording_handler);
-            ASSERT_NE(h, nullptr);
+            ASSERT_NE(h = open(), nullptr);
+            calls = Calls{};
+            uint32_t top = 0;
+            for (uint32_t pg = 0; pg < BDB_MAXPAGES; ++pg) top = h->meta->pgmap[pg / 32] >> (pg % 32) & 1 ? pg + 1 : top;
+            ASSERT_EQ(std::filesystem::file_size(path), top * 8192ull);
         } else {
             ASSERT_EQ(bdb_sync(h), 0);
         }
         ASSERT_EQ(bdb_check(h), 0) << bdbstrerr(bdb_error(h)) << ": " << vt::last_context();
         expect_same(h, m);
         if (HasFatalFailure()) break;
+        calls[5] += static_cast<uint32_t>(m.size()) + 1;  // the walk's first and nexts
         // Now and then empty most of the database, to exercise merges and the
         // root collapsing.
         if (b % 6 == 5) {
             for (auto it = m.begin(); it != m.end();) {
                 if (g.chance(90)) {
                     ASSERT_EQ(vt::del(h, it->first), 0);
+                    ++calls[3];
                     it = m.erase(it);
                 } else {
                     ++it;
@@ -257,16 +302,16 @@ TEST_P(ModelTest, RandomOperationsMatchTheModel) {
 std::vector<Config> configs() {
     std::vector<Config> out;
     const long soak = vt::env_long("VARLO_SOAK", 1);
-    const uint64_t seeds = static_cast<uint64_t>(8 * soak);
-    for (uint64_t s = 1; s <= seeds; ++s) {
-        out.push_back(Config{s, 0});                // the smallest cache: 4 pages
-        out.push_back(Config{1000 + s, 1u << 20});  // 128 pages
+    for (uint64_t s = 1; s <= static_cast<uint64_t>(8 * soak); ++s) {
+        out.push_back(Config{s, 0, static_cast<Kind>(s % 7)});                     // the smallest cache: 4 pages
+        out.push_back(Config{1000 + s, 1u << 20, static_cast<Kind>((s + 3) % 7)});  // 128 pages
     }
     return out;
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, ModelTest, ::testing::ValuesIn(configs()), [](const auto &info) {
-    return "seed" + std::to_string(info.param.seed) + "_cache" + std::to_string(info.param.cache);
+    return "seed" + std::to_string(info.param.seed) + "_cache" + std::to_string(info.param.cache) + "_" +
+           kKindNames[info.param.kind];
 });
 
 }  // namespace

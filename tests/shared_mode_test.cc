@@ -1,5 +1,8 @@
-// Databases opened in shared mode by several processes, and the database
-// mutex (semaphore 1 of the set) that serialises them.
+// Databases opened in shared mode by several processes: writers and a
+// reader at once, the area and the database mutex (semaphore 1 of the set)
+// that serialises them, a process killed holding the mutex or half way
+// through a change (the next caller puts the database back to its last
+// sync), and openers of different kinds keeping each other out.
 #include <atomic>
 #include <map>
 #include <numeric>
@@ -36,11 +39,8 @@ protected:
         bdb_options o{0, nullptr, vt::recording_handler};
         return bdb_open(path.c_str(), 0, flags, mode, &o, 0, err ? err : &scratch);
     }
-    // A child whose open waits for the mutex; it stores "child", closes and
-    // exits 0.
-    pid_t spawn_opener() {
-        return vt::spawn([this] { bdb_handle *c = open(); return !c || vt::replace(c, "child", "") || bdb_close(c); });
-    }
+    // A child whose open waits for the mutex; it stores "child", closes and exits 0.
+    pid_t spawn_opener() { return vt::spawn([this] { bdb_handle *c = open(); return !c || vt::replace(c, "child", "") || bdb_close(c); }); }
     bool someone_waits() { return vt::wait_until([&] { return vt::sem_ctl(key, GETZCNT) == 1; }); }
     void close_last() {  // which removes the segment and the semaphore set
         EXPECT_EQ(bdb_close(h), 0);
@@ -55,14 +55,14 @@ protected:
 };
 
 // Values follow from the key, so any process can check a record it did not
-// write; one in eleven is long enough for data pages.
+// write; one in eleven is long enough for data pages. Writer w puts keys
+// w * kKeys ... (w + 1) * kKeys - 1 and deletes some.
 std::string value_of(const std::string &k) {
     uint32_t h = 2166136261u;
     for (unsigned char c : k) h = (h ^ c) * 16777619u;
     return std::string(h % 11 == 0 ? 2048 + h % 5000 : h % 300, static_cast<char>('a' + h % 26));
 }
 
-// Writer w puts keys w * kKeys ... (w + 1) * kKeys - 1 and deletes some.
 constexpr int kWriters = 4, kKeys = 250;
 std::string key_of(int n) { return "k" + std::to_string(n); }
 int number_of(const std::string &k) {  // -1 for a key no writer puts
@@ -128,9 +128,7 @@ TEST_F(Shared, WritersAndAReaderAtOnceAgree) {
 TEST_F(Shared, AreaIsMadeByTheFirstOpenerTakenByLaterOnesAndRemade) {
     ASSERT_EQ(vt::put(h, "parent", "P"), 0);  // in the shared cache only
     uint32_t err = 0;
-    EXPECT_EQ(open(BDB_PRIVATE, &err), nullptr);
-    EXPECT_EQ(err, BDB_E_SHARE);
-    EXPECT_EQ(vt::last_context(), "Private database already opened shared");
+    EXPECT_TRUE(!open(BDB_PRIVATE, &err) && err == BDB_E_SHARE && vt::last_context() == "Private database already opened shared");
     pid_t kid = vt::spawn([&] {
         bdb_handle *c = open();
         VT_CHILD_CHECK(c != nullptr && !(c->flags & BDB_F_AREA_OWNER) && c->stats->puts == 1);
@@ -138,8 +136,7 @@ TEST_F(Shared, AreaIsMadeByTheFirstOpenerTakenByLaterOnesAndRemade) {
         return 0;
     });
     ASSERT_EQ(vt::wait_child(kid), 0);
-    EXPECT_EQ(h->stats->puts, 2u);  // one statistics block
-    EXPECT_TRUE(vt::get(h, "child", nullptr));
+    EXPECT_TRUE(h->stats->puts == 2u && vt::get(h, "child", nullptr));  // one statistics block
     close_last();
 
     // A process that ends without closing leaves segment and set behind.
@@ -151,9 +148,7 @@ TEST_F(Shared, AreaIsMadeByTheFirstOpenerTakenByLaterOnesAndRemade) {
     EXPECT_EQ(bdb_close(h), 0);
     h = open();
     ASSERT_NE(h, nullptr);
-    EXPECT_TRUE(h->flags & BDB_F_AREA_OWNER);
-    EXPECT_EQ(h->stats->puts, 0u);
-    EXPECT_EQ(vt::walk(h).size(), 3u);
+    EXPECT_TRUE((h->flags & BDB_F_AREA_OWNER) && h->stats->puts == 0u && vt::walk(h).size() == 3u);
     close_last();
 }
 
@@ -167,17 +162,13 @@ TEST_F(Shared, HolderKilledWithTheMutexFreesIt) {
     ASSERT_TRUE(vt::wait_until([&] { return board->flag.load() == 1; }));
     kill(holder, SIGKILL);
     EXPECT_EQ(vt::wait_child(holder), 128 + SIGKILL);
-    EXPECT_TRUE(vt::get(h, "held", nullptr));
-    EXPECT_EQ(vt::sem_ctl(key, GETVAL), 0);
+    EXPECT_TRUE(vt::get(h, "held", nullptr) && vt::sem_ctl(key, GETVAL) == 0);
     close_last();
 }
 
 TEST_F(Shared, RefusalsLeaveTheHandleUsable) {
-    EXPECT_EQ(bdb_lock(h, 2, 3), -1);
-    EXPECT_EQ(bdb_error(h), BDB_E_PARAM);
-    EXPECT_EQ(vt::last_context(), "Invalid lock operation");
-    EXPECT_EQ(bdb_destroy(h), -1);
-    EXPECT_EQ(bdb_error(h), BDB_E_SHARE);
+    EXPECT_TRUE(bdb_lock(h, 2, 3) == -1 && bdb_error(h) == BDB_E_PARAM && vt::last_context() == "Invalid lock operation");
+    EXPECT_TRUE(bdb_destroy(h) == -1 && bdb_error(h) == BDB_E_SHARE);
     EXPECT_EQ(vt::sem_ctl(key, GETVAL), 0);
     // As if another file under the same IPC key had made the segment.
     static_cast<bdb_shared *>(h->area)->spare += 1;
@@ -198,18 +189,15 @@ TEST_F(Shared, MutexTakesNeedAsManyReleasesAndADestroyGivesUpTheHold) {
     ASSERT_EQ(bdb_release_shared_mutex(h, BDB_MUTEX_OP), 0);
     EXPECT_EQ(vt::wait_child(kid), 0);
     // A fourth release does nothing (a semop would block on the free mutex).
-    EXPECT_EQ(bdb_release_shared_mutex(h, BDB_MUTEX_OP), 0);
-    EXPECT_EQ(h->hold_count, 0);
+    EXPECT_TRUE(bdb_release_shared_mutex(h, BDB_MUTEX_OP) == 0 && h->hold_count == 0);
     ASSERT_EQ(bdb_lock(h, BDB_LOCK, 3), 0);
     ASSERT_EQ(bdb_lock(h, BDB_LOCK, 3), 0);
     EXPECT_EQ(vt::put(h, "own", "call"), 0);  // the holder's own calls go through
     kid = spawn_opener();
     ASSERT_TRUE(someone_waits());
-    EXPECT_EQ(bdb_destroy_shared_mutex(h), 0);
-    EXPECT_EQ(h->hold_count, 0);
-    EXPECT_EQ(vt::wait_child(kid), 0);  // the waiter made a new set
-    EXPECT_TRUE(vt::get(h, "child", nullptr));  // and the handle finds it
-    EXPECT_EQ(vt::sem_ctl(key, GETVAL), 0);
+    EXPECT_TRUE(bdb_destroy_shared_mutex(h) == 0 && h->hold_count == 0);
+    EXPECT_EQ(vt::wait_child(kid), 0);  // the waiter made a new set, and the handle finds it
+    EXPECT_TRUE(vt::get(h, "child", nullptr) && vt::sem_ctl(key, GETVAL) == 0);
     close_last();
 }
 
@@ -223,13 +211,10 @@ TEST_F(Shared, SetRemovedUnderAWaiterIsMadeAgain) {
     EXPECT_NE(semget(key, 0, 0), old_id);
     // The parent's hold went with the old set: its unlock leaves the new one
     // alone (a release of the free mutex there would block).
-    EXPECT_EQ(bdb_lock(h, BDB_UNLOCK, 3), 0);
-    EXPECT_EQ(h->hold_count, 0);
-    EXPECT_TRUE(vt::get(h, "child", nullptr));
-    EXPECT_EQ(vt::sem_ctl(key, GETVAL), 0);
+    EXPECT_TRUE(bdb_lock(h, BDB_UNLOCK, 3) == 0 && h->hold_count == 0);
+    EXPECT_TRUE(vt::get(h, "child", nullptr) && vt::sem_ctl(key, GETVAL) == 0);
     ASSERT_EQ(semctl(semget(key, 0, 0), 0, IPC_RMID), 0);
-    EXPECT_EQ(bdb_destroy_shared_mutex(h), -1);  // the set is gone already
-    EXPECT_EQ(bdb_error(h), BDB_E_SEM_HANDLE);
+    EXPECT_TRUE(bdb_destroy_shared_mutex(h) == -1 && bdb_error(h) == BDB_E_SEM_HANDLE);  // the set is gone already
     close_last();
 }
 
@@ -274,6 +259,83 @@ TEST_F(Shared, CloseWaitsForTheDatabaseMutexOnlyOutsideTheProcessWideOne) {
     }, 30);
     EXPECT_EQ(vt::wait_child(kid, 40000), 0);
     close_last();
+}
+
+// A child dies putting a long value: at the first page write (taking its
+// run, writing it) or read (on a leaf not in the cache). The others go on,
+// and the next call puts the database back to its last sync for everyone.
+TEST_F(Shared, DeathHalfWayThroughAChangeRollsBackToTheLastSyncForEveryone) {
+    for (int i = 0; i < 2000; ++i) ASSERT_EQ(vt::put(h, "k" + std::to_string(i), std::string(100, 'v')), 0);
+    for (bool on_write : {true, false}) {
+        ASSERT_EQ(bdb_sync(h), 0);
+        const auto synced = vt::walk(h);
+        ASSERT_EQ(vt::put(h, "unsynced", "u"), 0);
+        const pid_t pid = vt::spawn([&] {
+            bdb_handle *c = open();
+            VT_CHILD_CHECK(c != nullptr);
+            for (int i = 2000; i < 2020; ++i) vt::put(c, "k" + std::to_string(i), std::string(100, 'w'));
+            if (on_write) varlo::sysio.pwrite = [](int, const void *, size_t, off_t) -> ssize_t { return raise(SIGKILL); };
+            else varlo::sysio.pread = [](int, void *, size_t, off_t) -> ssize_t { return raise(SIGKILL); };
+            vt::put(c, "a-long", std::string(20000, 'L'));
+            return 1;  // not reached
+        });
+        ASSERT_EQ(vt::wait_child(pid), 128 + SIGKILL);
+        EXPECT_TRUE(vt::walk(h) == synced) << bdbstrerr(bdb_error(h)) << " " << vt::last_context();
+        EXPECT_EQ(bdb_check(h), 0) << vt::last_context();
+        EXPECT_EQ(vt::put(h, "after" + std::to_string(on_write), "x"), 0) << bdbstrerr(bdb_error(h));
+    }
+    close_last();
+}
+
+// Openers of different kinds (a private handle, a private thread group,
+// shared-mode users) in different processes: only users of one kind work on
+// a file at a time, and nothing is left of refused or finished shared users.
+TEST_F(Shared, UsersOfDifferentKindsKeepEachOtherOut) {
+    close_last();
+    struct Opener { int mode; uint32_t thread; } const all[] = {{BDB_PRIVATE, 0}, {BDB_PRIVATE, 1}, {BDB_SHARED, 0}};
+    auto open_as = [&](const Opener &o, uint32_t *err) { return bdb_open(path.c_str(), 0, BDB_RDWR, o.mode, nullptr, o.thread, err); };
+    uint32_t err = 0;
+    for (const Opener &holder : all) {
+        for (const Opener &other : all) {
+            // Shared users share; a forked child inherits the parent's thread
+            // registry, so its group would join the parent's.
+            if ((holder.mode == BDB_SHARED && other.mode == BDB_SHARED) || (holder.thread && other.thread)) continue;
+            SCOPED_TRACE(std::to_string(holder.mode + 10 * holder.thread) + " holds, " + std::to_string(other.mode + 10 * other.thread) + " opens");
+            bdb_handle *a = open_as(holder, &err);
+            ASSERT_NE(a, nullptr) << bdbstrerr(err);
+            ASSERT_EQ(vt::replace(a, "k", "v"), 0);
+            auto opens = [&] {
+                uint32_t e = 0;
+                bdb_handle *o = open_as(other, &e);
+                return o ? (vt::get(o, "k", nullptr) && bdb_close(o) == 0 ? 10 : 11) : e == BDB_E_SHARE || e == BDB_E_IO ? 0 : 12;
+            };
+            EXPECT_EQ(vt::wait_child(vt::spawn(opens)), 0);
+            ASSERT_EQ(bdb_close(a), 0);
+            EXPECT_EQ(vt::wait_child(vt::spawn(opens)), 10);
+            EXPECT_TRUE(!vt::shm_exists(key) && !vt::sem_exists(key));
+        }
+    }
+    // Private readers in different processes share the file, keeping writers out.
+    bdb_handle *r = vt::open_db(path, 0, BDB_RDONLY);
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(vt::wait_child(vt::spawn([&] {
+        bdb_handle *o = vt::open_db(path, 0, BDB_RDONLY);
+        VT_CHILD_CHECK(o != nullptr && vt::get(o, "k", nullptr) && bdb_close(o) == 0);
+        VT_CHILD_CHECK(vt::open_db(path, 0, BDB_RDWR) == nullptr);
+        uint32_t e = 0;
+        VT_CHILD_CHECK(open_as(all[2], &e) == nullptr && e == BDB_E_SHARE);
+        return 0;
+    })), 0);
+    bdb_close(r);
+    // In one process the thread handles of a file are all of one mode.
+    for (int first : {BDB_PRIVATE, BDB_SHARED}) {
+        bdb_handle *a = bdb_open(path.c_str(), 0, BDB_RDWR, first, nullptr, 1, &err);
+        ASSERT_NE(a, nullptr);
+        EXPECT_EQ(bdb_open(path.c_str(), 0, BDB_RDWR, BDB_PRIVATE + BDB_SHARED - first, nullptr, 1, &err), nullptr);
+        EXPECT_EQ(err, BDB_E_SHARE);
+        EXPECT_EQ(bdb_close(a), 0);
+        EXPECT_TRUE(!vt::shm_exists(key) && !vt::sem_exists(key));
+    }
 }
 
 }  // namespace

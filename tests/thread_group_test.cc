@@ -117,6 +117,8 @@ TEST_F(ThreadGroup, EightThreadsAgreeWithTheirModelsAndOutliveTheFirstHandle) {
 TEST_F(ThreadGroup, RegistryAndHandleListsGrowAndShrinkInStepsOfFive) {
     const std::string path = make_db("list"), moved = path + "-moved";
     const key_t list_key = key;
+    auto fds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const auto fds_before = fds();
     const auto cwd = std::filesystem::current_path();
     std::filesystem::current_path(dir.path());
     std::vector<bdb_handle *> hs, dbs;
@@ -146,6 +148,7 @@ TEST_F(ThreadGroup, RegistryAndHandleListsGrowAndShrinkInStepsOfFive) {
     EXPECT_TRUE(numDatabases == 5 && bdb_hndl_array != before && room_for(bdb_hndl_array, 10, sizeof(bdb_hndl_entry)));
     for (uint32_t i = 0; i < 5; ++i) EXPECT_EQ(bdb_hndl_array[i].handles[0], dbs[i]);
     for (bdb_handle *h : dbs) EXPECT_EQ(bdb_close(h), 0);
+    EXPECT_EQ(fds(), fds_before) << "a descriptor left open";
 }
 
 }  // namespace

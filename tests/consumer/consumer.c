@@ -1,6 +1,7 @@
 /* A program written for ndbm, built against an installed varlo with nothing
- * but its include path and -lvarlo: stores a record in NAME.db, reads it
- * back and prints the library version (from bdb.h). */
+ * but its include path and -lvarlo (and, as c_api_test, against the build's
+ * shared library as pedantic C99): stores a record in NAME.db, reads it back
+ * and prints the library version (from bdb.h). */
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
@@ -14,7 +15,7 @@ int main(int argc, char **argv) {
     DBM *db;
     int ok;
     if (argc != 2 || !(db = dbm_open(argv[1], O_RDWR | O_CREAT, 0644))) return 1;
-    got = dbm_store(db, k, v, DBM_INSERT) == 0 ? dbm_fetch(db, k) : k;
+    got = dbm_store(db, k, v, DBM_REPLACE) == 0 ? dbm_fetch(db, k) : k;
     ok = got.dsize == 5 && memcmp(got.dptr, "world", 5) == 0 && !dbm_error(db);
     dbm_close(db);
     printf("varlo %s: %s\n", VARLO_VERSION_STRING, ok ? "ok" : "FAILED");
