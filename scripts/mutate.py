@@ -108,7 +108,8 @@ def sites_of(path, rel):
 
         def add(kind, new):
             if new != line:
-                found.append({"file": rel, "line": idx + 1, "kind": kind, "before": line, "after": new})
+                found.append({"file": rel, "line": idx + 1, "kind": kind, "before": line, "after": new,
+                              "occurrence": sum(l == line for l in lines[:idx])})
 
         # Comparisons with a space on both sides (templates and shifts have none).
         for m in re.finditer(r"(?<=\s)(==|!=|<=|>=|<|>)(?=\s)", code):
@@ -258,12 +259,14 @@ def baseline(build, names):
 
 
 def locate(lines, m):
-    """Index of the mutant's line: where it was, else the one line with its text."""
+    """Index of the mutant's line: where it was, else the line with its text
+    (the same occurrence of it as in the file the mutant was drawn from)."""
     i = m["line"] - 1
     if 0 <= i < len(lines) and lines[i] == m["before"]:
         return i
     hits = [k for k, l in enumerate(lines) if l == m["before"]]
-    return hits[0] if len(hits) == 1 else None
+    k = m.get("occurrence", 0)
+    return hits[0] if len(hits) == 1 else hits[k] if "occurrence" in m and k < len(hits) else None
 
 
 def main():
