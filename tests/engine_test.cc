@@ -271,12 +271,12 @@ const Shape kShapes[] = {
     {"( ( a ) m ( r0@1001:2040 r1@1001:2040 rz*19:72 rz19:82 ) s@1001:2040 ( t ) u@1001:2040 ( v ) )", "-a +b", ""},
 };
 
-// A private database holding the tree of spec; its records go to m.
-bdb_handle *make_tree(const vt::TempDir &dir, std::string spec, Model &m) {
+// A private database holding the tree of shape; its records go to m.
+bdb_handle *make_tree(const vt::TempDir &dir, std::string shape, Model &m) {
     bdb_handle *h = vt::create_open(dir.file("t.db"), 0, vt::recording_handler);
-    for (size_t i = 0; i < spec.size(); ++i)
-        if (spec[i] == '(' || spec[i] == ')') spec.insert(i + 1, " "), spec.insert(i, " "), i += 2;
-    std::istringstream in(spec);
+    for (size_t i = 0; i < shape.size(); ++i)
+        if (shape[i] == '(' || shape[i] == ')') shape.insert(i + 1, " "), shape.insert(i, " "), i += 2;
+    std::istringstream in(shape);
     std::string open;
     in >> open;
     const uint32_t root = build(h, in, m);

@@ -132,7 +132,7 @@ struct Sweep {
         s.fstat = [](int fd, struct stat *st) { return hit(kStat) ? -1 : real.fstat(fd, st); };
         s.unlink = [](const char *p) { return hit(kUnlink) ? -1 : real.unlink(p); };
         s.start_writeback = [](int fd, off_t o, off_t n) { return hit(kWriteback) ? -1 : real.start_writeback(fd, o, n); };
-        s.lock = [](int fd, short t) { return hit(kLock) ? -1 : real.lock(fd, t); };
+        s.lock = [](int fd, int cmd, struct flock *fl) { return hit(kLock) ? -1 : real.lock(fd, cmd, fl); };
         s.map = [](int fd, size_t n, off_t o, bool w) { return hit(kMap) ? nullptr : real.map(fd, n, o, w); };
         s.unmap = [](void *p, size_t n) { return hit(kUnmap) ? (real.unmap(p, n), -1) : real.unmap(p, n); };
     }
