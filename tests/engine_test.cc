@@ -79,6 +79,12 @@ TEST_F(Pages, AllocationIsFirstFitLikeAPageByPageSearch) {
     for (uint32_t p = BDB_MAXPAGES - 4; p < BDB_MAXPAGES; ++p) bits_clrb(m, static_cast<int32_t>(p));
     EXPECT_EQ(alloc(5), BDB_E_FULL);
     EXPECT_EQ(alloc(4), BDB_MAXPAGES - 4);
+    EXPECT_EQ(bdb_find_max_page_number(h_), BDB_MAXPAGES) << "the last usable page is 65343";
+    EXPECT_EQ(vt::put(h_, "k", "v") == -1 ? bdb_error(h_) : 0u, BDB_E_FULL) << "the first record gets no root page";
+    EXPECT_EQ(h_->meta->root, 0u);
+    bdb_del_dpages(h_, BDB_MAXPAGES - 1, 1);
+    EXPECT_EQ(vt::put(h_, "k", "v"), 0);
+    EXPECT_EQ(h_->meta->root, BDB_MAXPAGES - 1);
 }
 
 // Random places and removals of short and long values (the lengths around

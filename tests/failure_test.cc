@@ -90,23 +90,6 @@ TEST(Full, EveryKindOfChangeFailsWholeWhenTheFileIsFull) {
     }
 }
 
-TEST(Full, LastUsablePageIs65343) {
-    vt::TempDir dir;
-    bdb_handle *h = vt::create_open(dir.file("edge.db"));
-    ASSERT_NE(h, nullptr);
-    uint32_t first = 0;
-    ASSERT_EQ(bdb_alloc_dpages(h, BDB_MAXPAGES - 1, &first), 0);
-    EXPECT_EQ(std::tuple(first, bdb_find_max_page_number(h), *h->npages_ref), std::tuple(1u, BDB_MAXPAGES, BDB_MAXPAGES));
-    EXPECT_EQ(bdb_alloc_dpages(h, 1, &first) == -1 ? bdb_error(h) : 0u, BDB_E_FULL);
-    EXPECT_EQ(vt::put(h, "k", "v") == -1 ? bdb_error(h) : 0u, BDB_E_FULL) << "the first record gets no root page";
-    EXPECT_EQ(h->meta->root, 0u);
-    bdb_del_dpages(h, BDB_MAXPAGES - 1, 1);
-    EXPECT_EQ(bdb_alloc_dpages(h, 1, &first) == 0 ? first : 0u, BDB_MAXPAGES - 1);
-    bdb_del_dpages(h, 1, BDB_MAXPAGES - 1);
-    EXPECT_EQ(vt::put(h, "k", "v"), 0);
-    EXPECT_EQ(bdb_close(h), 0);
-}
-
 // ---------------------------------------------------------------------------
 // Failing system calls
 // ---------------------------------------------------------------------------
