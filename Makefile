@@ -132,11 +132,12 @@ package:
 	cd $(PACKAGE) && cpack -G DEB
 	@ls $(PACKAGE)/*.deb
 
-# Longer runs of the model-based tests: SOAK times the seeds and batches.
+# Longer runs of the model, crash and failure tests: SOAK times their seeds,
+# batches, crash points and kills; a build of its own with a long time limit.
 soak: deps
-	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-	cmake --build $(BUILD) -j$(JOBS)
-	cd $(BUILD) && VARLO_SOAK=$(SOAK) ctest --output-on-failure -j$(JOBS) -L model --timeout 7200
+	cmake -S . -B build-soak $(CMAKE_FLAGS) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVARLO_TEST_TIMEOUT=36000 >/dev/null
+	cmake --build build-soak -j$(JOBS)
+	cd build-soak && VARLO_SOAK=$(SOAK) ctest --output-on-failure -j$(JOBS) -L soak
 
 # clang with libFuzzer (Debian's clang and libclang-rt-dev), installed when
 # missing like the packages above.

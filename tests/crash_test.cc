@@ -235,7 +235,7 @@ TEST(Crash, PowerCutAtAnyWriteKeepsTheLastSyncOrTheNext) {
 // SIGKILL at random moments.
 class Kill : public ::testing::TestWithParam<int> {
 protected:
-    void SetUp() override { vt::Watchdog::arm(600); }
+    void SetUp() override { vt::Watchdog::arm(static_cast<unsigned>(600 * vt::env_long("VARLO_SOAK", 1))); }
     void TearDown() override { vt::Watchdog::disarm_and_clean(); }
 };
 

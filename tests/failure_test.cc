@@ -182,7 +182,7 @@ void session(const std::string &path, int mode, Model &m, bool close_faults) {
 
 class Syscalls : public ::testing::TestWithParam<int> {
 protected:
-    void SetUp() override { vt::Watchdog::arm(300); }
+    void SetUp() override { vt::Watchdog::arm(static_cast<unsigned>(300 * vt::env_long("VARLO_SOAK", 1))); }
     void TearDown() override {
         varlo::sysio_reset();
         vt::Watchdog::disarm_and_clean();
