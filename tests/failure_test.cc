@@ -234,12 +234,12 @@ struct Fault {
 };
 
 TEST(IoFailure, AFailedChangeLeavesTheDatabaseAsItWas) {
-    for (uint64_t seed = 1; seed <= static_cast<uint64_t>(6 * vt::env_long("VARLO_SOAK", 1)); ++seed) {
+    for (uint64_t seed = 1; seed <= static_cast<uint64_t>(12 * vt::env_long("VARLO_SOAK", 1)); ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         vt::TempDir dir;
         // The smallest cache: changes evict dirty pages, so writes happen in
         // the middle of operations.
-        bdb_handle *h = vt::create_open(dir.file("io.db"), 0);
+        bdb_handle *h = vt::create_open(dir.file("io.db"), 0, vt::recording_handler);
         ASSERT_NE(h, nullptr);
         std::mt19937_64 rng(seed);
         Model m;
@@ -263,7 +263,7 @@ TEST(IoFailure, AFailedChangeLeavesTheDatabaseAsItWas) {
                 ASSERT_TRUE(bdb_error(h) == BDB_E_WRITE || bdb_error(h) == BDB_E_READ) << bdbstrerr(bdb_error(h));
                 if (++failures % 8 == 1) {
                     expect_model(h, m);
-                    ASSERT_EQ(bdb_check(h), 0) << vt::last_context();
+                    ASSERT_EQ(bdb_check(h), 0) << bdbstrerr(bdb_error(h)) << ": " << bdbstrerr(bdb_error(h)) << ": " << vt::last_context();
                 }
             }
             if (i % 500 == 499) {  // now and then a sync, which may fail too and must be retried

@@ -996,6 +996,11 @@ extern "C" int bdb_search(bdb_handle *h, bdb_datum *key, bdb_datum *data, int op
     default:
         break;
     }
+    // Releasing the runs the change gave up changes the meta page, whose
+    // first change after a sync writes its image to the meta log: that write
+    // happens here, while the change can still be undone, so that its failure
+    // fails the change instead of leaving the runs marked in use forever.
+    if (rc == 0 && !journal.deferred_runs().empty() && bdb_update_meta(h) < 0) rc = -1;
     entry_release(&promote);
     if (rc == 0) {
         finish(h, journal);
