@@ -5,6 +5,7 @@
 // drawn from one fixed seed.
 #pragma once
 
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -99,6 +100,15 @@ inline std::string cpu_model() {
         }
     }
     return "unknown";
+}
+
+// "PROGRAM: FAILED: message" on standard error, after what standard output
+// holds so far.
+inline void report_failure(const char *program, const char *fmt, std::va_list ap) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "%s: FAILED: ", program);
+    std::vfprintf(stderr, fmt, ap);
+    std::fputc('\n', stderr);
 }
 
 }  // namespace bench

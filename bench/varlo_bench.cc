@@ -104,12 +104,9 @@ void cleanup() {
 }
 
 [[noreturn]] void fail(const char *fmt, ...) {
-    std::fflush(stdout);
     std::va_list ap;
     va_start(ap, fmt);
-    std::fputs("varlo_bench: FAILED: ", stderr);
-    std::vfprintf(stderr, fmt, ap);
-    std::fputc('\n', stderr);
+    bench::report_failure("varlo_bench", fmt, ap);
     va_end(ap);
     cleanup();
     std::exit(EXIT_FAILURE);

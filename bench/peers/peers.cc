@@ -67,9 +67,7 @@ void fail(const char *fmt, ...) {
     if (!failing) {
         std::va_list ap;
         va_start(ap, fmt);
-        std::fputs("varlo_peers: FAILED: ", stderr);
-        std::vfprintf(stderr, fmt, ap);
-        std::fputc('\n', stderr);
+        bench::report_failure("varlo_peers", fmt, ap);
         va_end(ap);
         failing = true;
         if (g_engine) g_engine->close();  // releases what outlives the process (System V objects)
